@@ -1,0 +1,174 @@
+/*
+ * Copyright (C) 2026 The bundlerun Authors
+ * SPDX-License-Identifier: Apache-2.0
+ */
+
+#include "harness/harness.h"
+
+#include <android-base/file.h>
+#include <android-base/logging.h>
+#include <android-base/unique_fd.h>
+#include <arpa/inet.h>
+#include <netinet/in.h>
+#include <signal.h>
+#include <spawn.h>
+#include <stdio.h>
+#include <stdlib.h>
+#include <sys/mount.h>
+#include <sys/socket.h>
+#include <sys/stat.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <mutex>
+#include <thread>
+
+extern char** environ;
+
+namespace harness {
+
+void RequireSandbox() {
+  const char* inside = getenv("BUNDLERUN_SANDBOX");
+  if (inside == nullptr || std::string(inside) != "1") {
+    fprintf(stderr, "refusing to run outside tests/sandbox/run\n");
+    abort();
+  }
+}
+
+std::string ReadFile(const std::string& path) {
+  std::string content;
+  android::base::ReadFileToString(path, &content, /*follow_symlinks=*/true);
+  return content;
+}
+
+void WriteFile(const std::string& path, const std::string& content) {
+  ASSERT_TRUE(android::base::WriteStringToFile(content, path)) << path;
+}
+
+bool Exists(const std::string& path) {
+  return access(path.c_str(), F_OK) == 0;
+}
+
+std::string Md5Sum(const std::string& path) {
+  std::string command = "md5sum '" + path + "'";
+  std::unique_ptr<FILE, int (*)(FILE*)> pipe(popen(command.c_str(), "r"), pclose);
+  char digest[33] = {};
+  if (!pipe || fread(digest, 1, 32, pipe.get()) != 32) return "";
+  return digest;
+}
+
+PropertyFile::PropertyFile(std::string path) : path_(std::move(path)) {}
+
+void PropertyFile::Set(const std::string& key, const std::string& value) {
+  values_[key] = value;
+  Write();
+}
+
+void PropertyFile::Remove(const std::string& key) {
+  values_.erase(key);
+  Write();
+}
+
+void PropertyFile::Write() const {
+  std::string text = "# written by the test\n";
+  for (const auto& [key, value] : values_) text += key + "=" + value + "\n";
+  mkdir(kHarnessDir, 0755);
+  WriteFile(path_, text);
+}
+
+void BindHosts(const std::string& content) {
+  mkdir(kHarnessDir, 0755);
+  std::string path = std::string(kHarnessDir) + "/hosts";
+  WriteFile(path, content);
+  ASSERT_EQ(0, mount(path.c_str(), "/etc/hosts", nullptr, MS_BIND, nullptr));
+}
+
+HelperProcess::HelperProcess(const std::string& program, const std::vector<std::string>& args) {
+  std::vector<std::string> strings = {program};
+  strings.insert(strings.end(), args.begin(), args.end());
+  std::vector<char*> argv;
+  for (std::string& s : strings) argv.push_back(s.data());
+  argv.push_back(nullptr);
+  if (posix_spawn(&pid_, program.c_str(), nullptr, nullptr, argv.data(), environ) != 0) pid_ = -1;
+}
+
+HelperProcess::~HelperProcess() {
+  if (pid_ > 0) {
+    kill(pid_, SIGKILL);
+    waitpid(pid_, nullptr, 0);
+  }
+}
+
+bool HelperProcess::WaitForPort(int port, std::chrono::milliseconds timeout) {
+  auto deadline = std::chrono::steady_clock::now() + timeout;
+  while (std::chrono::steady_clock::now() < deadline) {
+    android::base::unique_fd sock(socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0));
+    sockaddr_in addr{};
+    addr.sin_family = AF_INET;
+    addr.sin_port = htons(port);
+    addr.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+    if (connect(sock.get(), reinterpret_cast<sockaddr*>(&addr), sizeof(addr)) == 0) return true;
+    if (pid_ > 0 && waitpid(pid_, nullptr, WNOHANG) == pid_) {
+      pid_ = -1;
+      return false;
+    }
+    std::this_thread::sleep_for(20ms);
+  }
+  return false;
+}
+
+namespace {
+std::mutex g_log_lock;
+std::string g_log_text;
+}  // namespace
+
+LogCapture::LogCapture() {
+  {
+    std::lock_guard<std::mutex> guard(g_log_lock);
+    g_log_text.clear();
+  }
+  android::base::SetMinimumLogSeverity(android::base::VERBOSE);
+  android::base::SetLogger([](android::base::LogId, android::base::LogSeverity severity,
+                              const char*, const char*, unsigned int, const char* message) {
+    std::lock_guard<std::mutex> guard(g_log_lock);
+    g_log_text += std::string(1, "VDIWEF?"[severity]) + ":" + message + "\n";
+  });
+}
+
+LogCapture::~LogCapture() {
+  android::base::SetLogger(android::base::StderrLogger);
+}
+
+std::string LogCapture::text() const {
+  std::lock_guard<std::mutex> guard(g_log_lock);
+  return g_log_text;
+}
+
+void SandboxTest::SetUp() {
+  RequireSandbox();
+  props_.Set("ro.bootimage.name", "yonda");
+  props_.Set("ro.build.tags", "release-keys");
+  setenv("BUNDLERUN_PROPERTIES", props_.path().c_str(), 1);
+}
+
+std::unique_ptr<bundlerun_parent::Child> SandboxTest::StartStage(
+    const std::string& stage, const std::vector<std::string>& args) {
+  auto child = bundlerun_parent::Child::StartStage(BUNDLERUN_BIN, stage, args, {props_.env()});
+  EXPECT_NE(nullptr, child);
+  return child;
+}
+
+std::unique_ptr<bundlerun_parent::Child> SandboxTest::StartCommand(const std::string& number) {
+  auto child = bundlerun_parent::Child::StartCommand(BUNDLERUN_BIN, number, {props_.env()});
+  EXPECT_NE(nullptr, child);
+  return child;
+}
+
+std::unique_ptr<bundlerun_parent::Child> SandboxTest::StartRaw(
+    const std::vector<std::string>& args) {
+  auto child = bundlerun_parent::Child::StartRaw(BUNDLERUN_BIN, args, {props_.env()});
+  EXPECT_NE(nullptr, child);
+  return child;
+}
+
+}  // namespace harness

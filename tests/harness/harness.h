@@ -1,0 +1,92 @@
+/*
+ * Copyright (C) 2026 The bundlerun Authors
+ * SPDX-License-Identifier: Apache-2.0
+ */
+
+// What the tests share: the sandbox check, the property file, helper processes (servers), log
+// capture for in-process tests, and starting bundlerun the way the front end does.
+
+#pragma once
+
+#include <gtest/gtest.h>
+#include <sys/types.h>
+
+#include <chrono>
+#include <map>
+#include <memory>
+#include <string>
+#include <vector>
+
+#include "bundlerun_child.h"
+
+namespace harness {
+
+using namespace std::chrono_literals;
+
+constexpr char kHarnessDir[] = "/tmp/harness";
+
+// Ends the test process unless it runs inside tests/sandbox/run: the tests write the device's
+// fixed paths and start servers on port 80.
+void RequireSandbox();
+
+std::string ReadFile(const std::string& path);
+void WriteFile(const std::string& path, const std::string& content);
+bool Exists(const std::string& path);
+// Returns the lower-case MD5 of |path|, computed by the md5sum tool.
+std::string Md5Sum(const std::string& path);
+
+// The device's properties, as the file that BUNDLERUN_PROPERTIES names.
+class PropertyFile {
+ public:
+  explicit PropertyFile(std::string path = std::string(kHarnessDir) + "/build.prop");
+  void Set(const std::string& key, const std::string& value);
+  void Remove(const std::string& key);
+  const std::string& path() const { return path_; }
+  std::string env() const { return "BUNDLERUN_PROPERTIES=" + path_; }
+
+ private:
+  void Write() const;
+  std::string path_;
+  std::map<std::string, std::string> values_;
+};
+
+// Replaces /etc/hosts of this sandbox with |content|.
+void BindHosts(const std::string& content);
+
+// A helper process (a server) that is killed when this goes away.
+class HelperProcess {
+ public:
+  HelperProcess(const std::string& program, const std::vector<std::string>& args);
+  ~HelperProcess();
+  // Waits until something accepts connections on 127.0.0.1:|port|.
+  bool WaitForPort(int port, std::chrono::milliseconds timeout = 10s);
+  pid_t pid() const { return pid_; }
+
+ private:
+  pid_t pid_ = -1;
+};
+
+// Collects the log records of in-process code as "<letter>:<message>\n" lines.
+class LogCapture {
+ public:
+  LogCapture();
+  ~LogCapture();
+  std::string text() const;
+};
+
+// A test that runs in the sandbox with a fresh property file describing a release build in the
+// update boot environment.
+class SandboxTest : public ::testing::Test {
+ protected:
+  void SetUp() override;
+
+  // Starts a stage with the property file in its environment.
+  std::unique_ptr<bundlerun_parent::Child> StartStage(const std::string& stage,
+                                                      const std::vector<std::string>& args = {});
+  std::unique_ptr<bundlerun_parent::Child> StartCommand(const std::string& number);
+  std::unique_ptr<bundlerun_parent::Child> StartRaw(const std::vector<std::string>& args);
+
+  PropertyFile props_;
+};
+
+}  // namespace harness

@@ -1,0 +1,312 @@
+/*
+ * Copyright (C) 2026 The bundlerun Authors
+ * SPDX-License-Identifier: Apache-2.0
+ */
+
+// The offered ROM laid out under the scratch tree, read back as a package address, dumped to
+// the persistent tree, and the diagnostic events beside it.
+
+#include <gtest/gtest.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <string>
+#include <vector>
+
+#include "harness/harness.h"
+#include "request/bundlerun_entry.h"
+#include "yondatools/yonda-dgq/dgqprotocal.h"
+#include "yondatools/yonda-root/secure_mount.h"
+#include "yondatools/yonda-update/dir2url.h"
+
+namespace {
+
+using harness::Exists;
+using harness::LogCapture;
+using harness::ReadFile;
+using harness::WriteFile;
+
+constexpr char kRom[] = "/tmp/download/LatestRom";
+
+constexpr char kGoodAnswer[] = R"({
+  "LatestRom": {"version": "V2.0", "filename": "rom.zip", "filesize": "2.5G",
+                "md5": "0123456789abcdef0123456789abcdef", "Validate": "signed"},
+  "CurrentRom": {"version": "V1.0"},
+  "MirrorList": ["https://secure.yonda.example", "http://mirror.yonda.example/base"]
+})";
+
+class RomLayoutTest : public harness::SandboxTest {
+ protected:
+  void SetUp() override {
+    SandboxTest::SetUp();
+    prepare_and_correct_dir();
+  }
+  // Lays |answer| out; the test frees the whole document itself.
+  void LayOut(const std::string& answer) {
+    JsonHandle doc(cJSON_Parse(answer.c_str()), cJSON_Delete);
+    JsonHandle back = handle_latestrom_to_dir(std::move(doc));
+  }
+};
+
+TEST_F(RomLayoutTest, AnswerBecomesOneFilePerValueAndALink) {
+  umask(022);
+  LogCapture log;
+  LayOut(kGoodAnswer);
+  EXPECT_EQ("V2.0", ReadFile(std::string(kRom) + "/version"));
+  EXPECT_EQ("rom.zip", ReadFile(std::string(kRom) + "/filename"));
+  EXPECT_EQ("V1.0", ReadFile(std::string(kRom) + "/curr_version"));
+  EXPECT_EQ("2684354560", ReadFile(std::string(kRom) + "/filesize"));
+  EXPECT_EQ("signed", ReadFile(std::string(kRom) + "/Validate"));
+  EXPECT_EQ("0123456789abcdef0123456789abcdef", ReadFile(std::string(kRom) + "/md5"));
+  EXPECT_EQ("https://secure.yonda.example", ReadFile(std::string(kRom) + "/0/host"));
+  EXPECT_EQ("http://mirror.yonda.example/base", ReadFile(std::string(kRom) + "/1/host"));
+  struct stat st;
+  ASSERT_EQ(0, stat((std::string(kRom) + "/1").c_str(), &st));
+  EXPECT_EQ(static_cast<mode_t>(S_IFDIR | 0644), st.st_mode);
+  char target[256] = {};
+  ASSERT_GT(readlink("/tmp/download/CurrentRom", target, sizeof(target) - 1), 0);
+  EXPECT_STREQ(kRom, target);
+  const std::string text = log.text();
+  EXPECT_NE(std::string::npos, text.find("I:====================================\n"
+                                         "I:>> Now we have V1.0\n"
+                                         "I:>> Download ROM info:V2.0 - rom.zip, 2.5G\n"
+                                         "I:====================================\n"))
+      << text;
+  EXPECT_NE(std::string::npos, text.find("D:>> MirrorList:2\n"));
+  EXPECT_NE(std::string::npos, text.find("I:>> \t Mirror 1:http://mirror.yonda.example/base\n"));
+  EXPECT_NE(std::string::npos, text.find("I:Create the CurrentRom info \"/tmp/download/CurrentRom\""
+                                         " -> \"/tmp/download/LatestRom\"\n"));
+
+  // A second run finds the mirror directories there and rewrites everything.
+  LayOut(R"({"LatestRom":{"version":"V3","filename":"b.zip","filesize":"1M","md5":"m",
+             "Validate":"v"},"CurrentRom":{"version":"V2"},"MirrorList":["http://m2"]})");
+  EXPECT_EQ("V3", ReadFile(std::string(kRom) + "/version"));
+  EXPECT_EQ("1048576", ReadFile(std::string(kRom) + "/filesize"));
+  EXPECT_EQ("http://m2", ReadFile(std::string(kRom) + "/0/host"));
+  EXPECT_EQ("http://mirror.yonda.example/base", ReadFile(std::string(kRom) + "/1/host"));
+}
+
+TEST_F(RomLayoutTest, SizeIsConvertedOnlyForMegaAndGigaSuffixes) {
+  struct Case {
+    const char* size;
+    const char* file;  // nullptr: no file written
+    bool error;
+  } cases[] = {
+      {"1M", "1048576", false},          {"0.5G", "536870912", false}, {"800M", "838860800", false},
+      {" 1.9999999M", "2097151", false}, {"3xM", "3145728", false},    {"1536K", nullptr, false},
+      {"1048576", nullptr, false},       {"xM", nullptr, true},        {"1e400G", nullptr, true},
+      {"9e18G", nullptr, true},          {"", nullptr, true},
+  };
+  for (const Case& c : cases) {
+    SCOPED_TRACE(c.size);
+    unlink((std::string(kRom) + "/filesize").c_str());
+    LogCapture log;
+    LayOut(std::string(R"({"LatestRom":{"filesize":")") + c.size + R"("}})");
+    if (c.file) {
+      EXPECT_EQ(c.file, ReadFile(std::string(kRom) + "/filesize"));
+    } else {
+      EXPECT_FALSE(Exists(std::string(kRom) + "/filesize"));
+    }
+    // Only the size's own error names the member in quotes.
+    EXPECT_EQ(c.error, log.text().find("\"filesize\"") != std::string::npos) << log.text();
+  }
+}
+
+TEST_F(RomLayoutTest, HostileAnswersAreSkippedFileByFileWithoutCrashing) {
+  std::string huge = R"({"LatestRom":{"version":"v"},"MirrorList":[)";
+  for (int i = 0; i < 5000; ++i)
+    huge += std::string(i ? "," : "") + "\"http://m" + std::to_string(i) + "\"";
+  huge += "]}";
+  struct Case {
+    const char* name;
+    std::string answer;
+    std::vector<std::string> present;
+    std::vector<std::string> absent;
+    std::string error;
+  } cases[] = {
+      {"empty object",
+       "{}",
+       {},
+       {"version", "filename", "md5", "0"},
+       "E:update answer has no string \"version\""},
+      {"numbers instead of strings",
+       R"({"LatestRom":{"version":2,"filename":"f","md5":null},"CurrentRom":{"version":[1]}})",
+       {"filename"},
+       {"version", "md5", "curr_version"},
+       "has no string \"md5\""},
+      {"rom is a string",
+       R"({"LatestRom":"x","MirrorList":["http://a"]})",
+       {"0/host"},
+       {"version"},
+       "has no string \"filename\""},
+      {"mirror list is an object",
+       R"({"LatestRom":{},"MirrorList":{"a":"http://a"}})",
+       {},
+       {"0"},
+       "has no \"MirrorList\" array"},
+      {"mirror entry not a string",
+       R"({"LatestRom":{},"MirrorList":[1,"http://b"]})",
+       {"1/host"},
+       {"0/host"},
+       "has no string \"host\""},
+      {"huge mirror list", huge, {"99/host"}, {"100"}, "lists 5000 mirrors, only the first 100"},
+  };
+  for (const Case& c : cases) {
+    SCOPED_TRACE(c.name);
+    system("rm -rf /tmp/download/LatestRom/*");
+    LogCapture log;
+    LayOut(c.answer);
+    for (const std::string& f : c.present) EXPECT_TRUE(Exists(std::string(kRom) + "/" + f)) << f;
+    for (const std::string& f : c.absent) EXPECT_FALSE(Exists(std::string(kRom) + "/" + f)) << f;
+    EXPECT_NE(std::string::npos, log.text().find(c.error)) << log.text();
+  }
+}
+
+TEST_F(RomLayoutTest, PackageAddressComesFromTheFirstPlainHttpMirror) {
+  struct Case {
+    const char* name;
+    std::vector<std::pair<std::string, std::string>> files;  // relative to the ROM directory
+    std::vector<std::string> url;
+    std::string error;
+  } cases[] = {
+      {"https mirror skipped",
+       {{"0/host", "https://secure.yonda.example"},
+        {"1/host", "http://a.example"},
+        {"version", "V2"},
+        {"filename", "rom.zip"}},
+       {"http://", "a.example", "/V2/rom.zip"},
+       ""},
+      {"base path moves in front of the path",
+       {{"0/host", "http://a.example/base/dir"}, {"version", "V2"}, {"filename", "r.zip"}},
+       {"http://", "a.example", "/base/dir/V2/r.zip"},
+       ""},
+      {"mirror files win over the rom directory",
+       {{"0/host", "http://a"},
+        {"0/version", "MV"},
+        {"0/filename", "m.zip"},
+        {"version", "V"},
+        {"filename", "f"}},
+       {"http://", "a", "/MV/m.zip"},
+       ""},
+      {"short host is used as it stands",
+       {{"0/host", "abcd"}, {"version", "V"}, {"filename", "f"}},
+       {"http://", "", "/V/f"},
+       ""},
+      {"all mirrors https",
+       {{"0/host", "https://a"}, {"1/host", "https://b"}},
+       {},
+       "E:failed to read host: No such file or directory\n"},
+      {"no version",
+       {{"0/host", "http://a"}, {"filename", "f"}},
+       {},
+       "E:failed to read version: No such file or directory\n"},
+      {"no filename",
+       {{"0/host", "http://a"}, {"version", "v"}},
+       {},
+       "E:failed to read filename: No such file or directory\n"},
+  };
+  for (const Case& c : cases) {
+    SCOPED_TRACE(c.name);
+    system("rm -rf /tmp/download/LatestRom/*");
+    for (const auto& [file, content] : c.files) {
+      std::string path = std::string(kRom) + "/" + file;
+      mkdir(path.substr(0, path.rfind('/')).c_str(), 0755);
+      WriteFile(path, content);
+    }
+    create_symlink_forrom(kRom);
+    LogCapture log;
+    EXPECT_EQ(c.url, handle_rom_to_url(0));
+    if (!c.error.empty()) {
+      EXPECT_EQ(c.error, log.text());
+    }
+  }
+  unlink("/tmp/download/CurrentRom");
+  LogCapture log;
+  EXPECT_TRUE(handle_rom_to_url(0).empty());
+  EXPECT_EQ("", getFileSize());
+  EXPECT_EQ(
+      "E:failed to get realpath of \"/tmp/download/CurrentRom\": No such file or directory\n"
+      "E:failed to get realpath: No such file or directory\n",
+      log.text());
+}
+
+TEST_F(RomLayoutTest, DumpCopiesWhatTheGuardAllows) {
+  LayOut(kGoodAnswer);
+  WriteFile("/tmp/download/request.uncrypted", "clear");
+  WriteFile("/tmp/download/response.encrypted", "cipher");
+  struct Case {
+    const char* tags;
+    std::vector<std::pair<std::string, std::string>> files;  // relative to the download dir
+    std::vector<std::string> absent;
+  } cases[] = {
+      {"release-keys",
+       {{"LatestRom/version", "V2.0"},
+        {"LatestRom/md5", "0123456789abcdef0123456789abcdef"},
+        {"LatestRom/filename", "rom.zip"},
+        {"LatestRom/0", ""},
+        {"LatestRom/1", ""}},
+       {"LatestRom/Validate", "LatestRom/filesize", "CurrentRom", "request.yonda.uncrypted",
+        "response.yonda.encrypted", "LatestRom/0/host"}},
+      {"test-keys",
+       {{"LatestRom/Validate", "signed"},
+        {"LatestRom/filesize", "2684354560"},
+        {"CurrentRom", "LatestRom"},
+        {"request.yonda.uncrypted", "clear"},
+        {"request.yonda.encrypted", ""},
+        {"response.yonda.encrypted", "cipher"},
+        {"response.yonda.uncrypted", ""}},
+       {}},
+  };
+  for (const Case& c : cases) {
+    SCOPED_TRACE(c.tags);
+    system("rm -rf /cache/yonda/download");
+    props_.Set("ro.build.tags", c.tags);
+    LogCapture log;
+    jsondump();
+    for (const auto& [file, content] : c.files) {
+      EXPECT_EQ(content, ReadFile("/cache/yonda/download/" + file)) << file;
+      EXPECT_TRUE(Exists("/cache/yonda/download/" + file)) << file;
+    }
+    for (const std::string& f : c.absent) EXPECT_FALSE(Exists("/cache/yonda/download/" + f)) << f;
+    EXPECT_NE(std::string::npos,
+              log.text().find("D:>> Dump LatestRom under \"/tmp/download/CrossRom\" to "
+                              "\"/cache/yonda/download/CrossRom\"\n"));
+  }
+  // A file where the persistent root belongs is replaced by the directory.
+  system("rm -rf /cache/yonda/download");
+  WriteFile("/cache/yonda/download", "stale");
+  jsondump();
+  struct stat st;
+  ASSERT_EQ(0, stat("/cache/yonda/download", &st));
+  EXPECT_TRUE(S_ISDIR(st.st_mode));
+}
+
+TEST_F(RomLayoutTest, DiagnosticEventIsOneFilePerFieldAndChecksThePidFile) {
+  LogCapture log;
+  yondadgq::dgq_write_data({{"download_reason", ""}, {"download_status", "28"}});
+  yondadgq::dgq_write_data({{"download_status", "0"}});
+  EXPECT_EQ("", ReadFile("/tmp/dgq/events/download_reason"));
+  EXPECT_TRUE(Exists("/tmp/dgq/events/download_reason"));
+  EXPECT_EQ("0", ReadFile("/tmp/dgq/events/download_status"));
+  EXPECT_NE(std::string::npos,
+            log.text().find("E:failed to get /cache/yonda/diagpid:2(No such file or directory)\n"));
+
+  WriteFile("/cache/yonda/diagpid", "123");
+  LogCapture with_pid;
+  yondadgq::dgq_write_data({});
+  EXPECT_EQ(
+      "I:file /cache/yonda/diagpidis existed\n"
+      "I:DgqUpload disabled the signalling to \"--diag\"\n",
+      with_pid.text());
+
+  WriteFile("/cache/yonda/diagpid", "abc");
+  // Nothing on the way up catches the conversion error: the process ends.
+  EXPECT_DEATH(
+      []() noexcept {
+        yondadgq::dgq_write_data({{"download_status", "7"}});
+      }(),
+      "what\\(\\):  stoi");
+  EXPECT_EQ("7", ReadFile("/tmp/dgq/events/download_status"));
+}
+
+}  // namespace
