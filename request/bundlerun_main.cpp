@@ -54,6 +54,8 @@ int main(int argc, char** argv) {
     }
     read_stream = fdopen(atoi(argv[4]), "r");
     write_stream = fdopen(atoi(argv[3]), "wb");
+    gStatusReadStream = read_stream;
+    gStatusWriteStream = write_stream;
   } else if (strcmp(argv[1], "--run_from_command") != 0) {
     printf("wrong command format %s\n", argv[1]);
     return 0;
@@ -65,6 +67,7 @@ int main(int argc, char** argv) {
       return 0;
     }
     LOG(INFO) << kBanner << " Start bundlerun run-command [" << getpid() << "]...";
+    gStatusWriteStream = stdout;
     DownloadTask task(/*forked=*/false, stdout, nullptr);
     task.run_from_command(static_cast<DownloadStatus>(argv[2][0] - '0'));
     fclose(task.writeStream);

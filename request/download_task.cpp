@@ -7,19 +7,30 @@
 
 #include "request/download_task.h"
 
-#include <android-base/logging.h>
 #include <signal.h>
+
+#include <memory>
+
+#include <android-base/logging.h>
+
+#include "request/syncservertime.h"
+
+FILE* gStatusWriteStream = nullptr;
+FILE* gStatusReadStream = nullptr;
 
 DownloadTask::DownloadTask(bool forked, FILE* write_stream, FILE* read_stream)
     : forked(forked), writeStream(write_stream), readStream(read_stream) {}
 
-DownloadTask::~DownloadTask() {
-  cJSON_Delete(answer);
-}
+DownloadTask::~DownloadTask() { cJSON_Delete(answer); }
 
 int DownloadTask::run_first_stage() {
+  auto sync_time = std::make_unique<SyncServerTime>();
+  sync_time->driver = this;
   // A front end that went away must make writes fail, not end the process.
   signal(SIGPIPE, SIG_IGN);
+  sync_time->next = nullptr;
+  sync_time->index = SYNC_SERVER_TIME;
+  sync_time->run();
   return 0;
 }
 
@@ -29,6 +40,11 @@ int DownloadTask::run_second_stage() {
 }
 
 int DownloadTask::run_from_command(DownloadStatus) {
+  auto sync_time = std::make_unique<SyncServerTime>();
+  sync_time->driver = this;
   signal(SIGPIPE, SIG_IGN);
+  sync_time->next = nullptr;
+  sync_time->index = SYNC_SERVER_TIME;
+  sync_time->run();
   return 0;
 }

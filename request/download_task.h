@@ -18,6 +18,11 @@
 #include "common/url_wrapper.h"
 #include "request/status_channel.h"
 
+// The two ends of the status channel, as the entry point opened them (null until then). The
+// download's progress callback and command listener reach the front end through them.
+extern FILE* gStatusWriteStream;
+extern FILE* gStatusReadStream;
+
 class DownloadTask {
  public:
   DownloadTask(bool forked, FILE* write_stream, FILE* read_stream);

@@ -7,8 +7,10 @@
 
 #include <android-base/file.h>
 #include <android-base/logging.h>
+#include <android-base/strings.h>
 #include <android-base/unique_fd.h>
 #include <arpa/inet.h>
+#include <cJSON.h>
 #include <netinet/in.h>
 #include <signal.h>
 #include <spawn.h>
@@ -117,6 +119,46 @@ bool HelperProcess::WaitForPort(int port, std::chrono::milliseconds timeout) {
   return false;
 }
 
+std::string Request::header(const std::string& name) const {
+  for (const auto& [key, value] : headers) {
+    if (android::base::EqualsIgnoreCase(key, name)) return value;
+  }
+  return "(none)";
+}
+
+UpdateServer::UpdateServer(const std::vector<std::string>& args, const std::string& listen) {
+  mkdir(kHarnessDir, 0755);
+  unlink(kRequestLog);  // Each server starts a fresh record.
+  std::vector<std::string> all = {"--listen", listen, "--log", kRequestLog};
+  all.insert(all.end(), args.begin(), args.end());
+  process_ = std::make_unique<HelperProcess>(UPDATE_SERVER_BIN, all);
+  ok_ = process_->WaitForPort(80);
+}
+
+std::vector<Request> UpdateServer::requests() const {
+  std::vector<Request> requests;
+  for (const std::string& line : android::base::Split(ReadFile(kRequestLog), "\n")) {
+    if (line.empty()) continue;
+    std::unique_ptr<cJSON, void (*)(cJSON*)> entry(cJSON_Parse(line.c_str()), cJSON_Delete);
+    if (!entry) {
+      ADD_FAILURE() << "request log line is not JSON: " << line;
+      continue;
+    }
+    auto text = [&](const char* name) {
+      const char* value = cJSON_GetStringValue(cJSON_GetObjectItemCaseSensitive(entry.get(), name));
+      return std::string(value ? value : "");
+    };
+    Request request{text("method"), text("path"), text("host"), {}, text("body"), text("query")};
+    const cJSON* pair;
+    cJSON_ArrayForEach(pair, cJSON_GetObjectItemCaseSensitive(entry.get(), "headers")) {
+      request.headers.emplace_back(cJSON_GetStringValue(cJSON_GetArrayItem(pair, 0)),
+                                   cJSON_GetStringValue(cJSON_GetArrayItem(pair, 1)));
+    }
+    requests.push_back(std::move(request));
+  }
+  return requests;
+}
+
 namespace {
 std::mutex g_log_lock;
 std::string g_log_text;
@@ -162,6 +204,34 @@ std::unique_ptr<bundlerun_parent::Child> SandboxTest::StartCommand(const std::st
   auto child = bundlerun_parent::Child::StartCommand(BUNDLERUN_BIN, number, {props_.env()});
   EXPECT_NE(nullptr, child);
   return child;
+}
+
+void SandboxTest::UseFullDevice() {
+  const std::pair<const char*, const char*> kDevice[] = {
+      {"ro.build.version.incremental", "V816.0.1"},
+      {"ro.talu.ui.version.name", "V14"},
+      {"ro.build.version.release", "13"},
+      {"ro.product.device", "cepheus"},
+      {"ro.ril.talu.imei", "860000000000001"},
+      {"ro.product.locale", "en-US"},
+      {"ro.carrier.name", "Tel"},
+      {"ro.product.board", "msmnile"},
+      {"ro.debuggable", "0"},
+      {"ro.serialno", "SN12345"},
+      {"ro.secureboot.lockstate", "locked"},
+      {"ro.sf.lcd_density", "440"},
+      {"ro.rom.zone", "1"},
+      {"ro.boot.slot_suffix", "_a"},
+      {"ro.yonda.build.channel", "stable"},
+  };
+  for (const auto& [key, value] : kDevice) props_.Set(key, value);
+}
+
+void SandboxTest::Finish(bundlerun_parent::Child& child, std::chrono::milliseconds timeout) {
+  int status = child.WaitForExit(timeout);
+  EXPECT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 0) << "wait status " << status << "\n"
+                                                             << child.out() << "\n"
+                                                             << child.err();
 }
 
 std::unique_ptr<bundlerun_parent::Child> SandboxTest::StartRaw(

@@ -66,6 +66,33 @@ class HelperProcess {
   pid_t pid_ = -1;
 };
 
+// One request as the update server logged it.
+struct Request {
+  std::string method;
+  std::string path;
+  std::string host;
+  std::vector<std::pair<std::string, std::string>> headers;
+  std::string body;
+  std::string query;  // the deciphered update query, for the update endpoint
+  // Returns the value of header |name| (case-insensitive), or "(none)".
+  std::string header(const std::string& name) const;
+};
+
+// The local update server on 127.0.0.1:80 of this sandbox, logging to kRequestLog.
+class UpdateServer {
+ public:
+  static constexpr char kRequestLog[] = "/tmp/harness/requests.log";
+  explicit UpdateServer(const std::vector<std::string>& args,
+                        const std::string& listen = "127.0.0.1:80");
+  bool ok() const { return ok_; }
+  // Every request received so far, in order.
+  std::vector<Request> requests() const;
+
+ private:
+  std::unique_ptr<HelperProcess> process_;
+  bool ok_ = false;
+};
+
 // Collects the log records of in-process code as "<letter>:<message>\n" lines.
 class LogCapture {
  public:
@@ -85,6 +112,11 @@ class SandboxTest : public ::testing::Test {
                                                       const std::vector<std::string>& args = {});
   std::unique_ptr<bundlerun_parent::Child> StartCommand(const std::string& number);
   std::unique_ptr<bundlerun_parent::Child> StartRaw(const std::vector<std::string>& args);
+  // Sets the properties of a complete device (every fact of the update query).
+  void UseFullDevice();
+  // Runs |child| to its end and checks that it exited with status 0.
+  static void Finish(bundlerun_parent::Child& child,
+                     std::chrono::milliseconds timeout = std::chrono::seconds(90));
 
   PropertyFile props_;
 };

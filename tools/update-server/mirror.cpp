@@ -1,0 +1,132 @@
+/*
+ * Copyright (C) 2026 The bundlerun Authors
+ * SPDX-License-Identifier: Apache-2.0
+ */
+
+#include "mirror.h"
+
+#include <fcntl.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <chrono>
+#include <memory>
+#include <thread>
+#include <vector>
+
+namespace {
+
+constexpr size_t kMaxChunk = 64 * 1024;
+constexpr size_t kMinThrottledChunk = 1024;
+
+// One package body on its way to a device.
+struct Transfer {
+  Mirror* mirror;
+  std::string file;
+  int fd = -1;
+  uint64_t start = 0;    // resume position the body starts at
+  uint64_t length = 0;   // bytes announced in Content-Length
+  uint64_t drop_at = 0;  // bytes after which the connection is cut; 0: never
+  uint64_t rate = 0;     // bytes per second; 0: unthrottled
+  std::chrono::steady_clock::time_point began = std::chrono::steady_clock::now();
+  ~Transfer() {
+    if (fd >= 0) close(fd);
+  }
+
+  // Sends the next chunk at |offset| of the body; returns false to end the connection.
+  bool Next(size_t offset, httplib::DataSink& sink) {
+    if (drop_at != 0 && offset >= drop_at) {
+      mirror->OnDropped(file, start + drop_at);
+      return false;
+    }
+    size_t chunk = kMaxChunk;
+    if (rate != 0) chunk = std::clamp<size_t>(rate / 20, kMinThrottledChunk, kMaxChunk);
+    chunk = std::min<uint64_t>(chunk, length - offset);
+    if (drop_at != 0) chunk = std::min<uint64_t>(chunk, drop_at - offset);
+    std::vector<char> buffer(chunk);
+    ssize_t n = pread(fd, buffer.data(), chunk, start + offset);
+    if (n <= 0 || !sink.write(buffer.data(), n)) return false;
+    if (rate != 0) {
+      // Keep the average rate since the body began.
+      auto due = began + std::chrono::microseconds((offset + n) * 1000000 / rate);
+      std::this_thread::sleep_until(due);
+    }
+    if (offset + n == length) mirror->OnCompleted(file);
+    return true;
+  }
+};
+
+}  // namespace
+
+std::string Mirror::DirectoryFor(const std::string& host_header) const {
+  std::string host = host_header.substr(0, host_header.find(':'));
+  auto it = options_.mirrors.find(host);
+  if (it != options_.mirrors.end()) return it->second;
+  return options_.packages_dir;
+}
+
+uint64_t Mirror::ResumePosition(const std::string& file) {
+  std::lock_guard<std::mutex> guard(lock_);
+  auto it = positions_.find(file);
+  return it == positions_.end() ? options_.offset : it->second;
+}
+
+bool Mirror::ShouldDrop(const std::string& file) {
+  std::lock_guard<std::mutex> guard(lock_);
+  return options_.drop_after != 0 && (options_.drop_always || dropped_.count(file) == 0);
+}
+
+void Mirror::OnDropped(const std::string& file, uint64_t position) {
+  std::lock_guard<std::mutex> guard(lock_);
+  positions_[file] = position;
+  dropped_.insert(file);
+}
+
+void Mirror::OnCompleted(const std::string& file) {
+  std::lock_guard<std::mutex> guard(lock_);
+  positions_.erase(file);
+}
+
+void Mirror::Serve(const httplib::Request& request, httplib::Response& response) {
+  const std::string& path = request.path;
+  if (std::find(options_.not_found.begin(), options_.not_found.end(), path) !=
+      options_.not_found.end()) {
+    response.status = 404;
+    return;
+  }
+  auto redirect = options_.redirects.find(path);
+  if (redirect != options_.redirects.end()) {
+    response.status = 302;
+    response.set_header("Location", redirect->second);
+    response.set_content("", "text/plain");
+    return;
+  }
+  const std::string dir = DirectoryFor(request.get_header_value("Host"));
+  if (dir.empty() || path.find("..") != std::string::npos) {
+    response.status = dir.empty() ? 404 : 403;
+    return;
+  }
+
+  const std::string file = dir + path;
+  auto transfer = std::make_shared<Transfer>();
+  transfer->fd = open(file.c_str(), O_RDONLY | O_CLOEXEC);
+  struct stat st;
+  if (transfer->fd < 0 || fstat(transfer->fd, &st) != 0 || !S_ISREG(st.st_mode)) {
+    response.status = 404;
+    return;
+  }
+  const uint64_t size = static_cast<uint64_t>(st.st_size);
+  transfer->mirror = this;
+  transfer->file = file;
+  transfer->start = std::min(ResumePosition(file), size);
+  transfer->length = size - transfer->start;
+  transfer->rate = options_.rate;
+  if (request.method == "GET" && ShouldDrop(file) && transfer->length > options_.drop_after) {
+    transfer->drop_at = options_.drop_after;
+  }
+  response.set_content_provider(transfer->length, "application/zip",
+                                [transfer](size_t offset, size_t, httplib::DataSink& sink) {
+                                  return transfer->Next(offset, sink);
+                                });
+}

@@ -1,0 +1,45 @@
+/*
+ * Copyright (C) 2026 The bundlerun Authors
+ * SPDX-License-Identifier: Apache-2.0
+ */
+
+// A package mirror. Devices never ask for a byte range: a mirror that lost a device half-way
+// serves the rest of the file under the same address, so each file has a resume position.
+
+#pragma once
+
+#include <httplib.h>
+#include <stdint.h>
+
+#include <map>
+#include <mutex>
+#include <set>
+#include <string>
+
+#include "options.h"
+
+class Mirror {
+ public:
+  explicit Mirror(const ServerOptions& options) : options_(options) {}
+
+  // Answers a GET or HEAD of a package path.
+  void Serve(const httplib::Request& request, httplib::Response& response);
+
+  // Called by a transfer that stopped after |sent| bytes of |file| (from its resume position).
+  void OnDropped(const std::string& file, uint64_t position);
+  // Called by a transfer that sent |file| to its end.
+  void OnCompleted(const std::string& file);
+
+ private:
+  // Returns the directory that serves |host|, or an empty string.
+  std::string DirectoryFor(const std::string& host) const;
+  // Returns where the next transfer of |file| starts.
+  uint64_t ResumePosition(const std::string& file);
+  // Returns whether the next transfer of |file| is to be cut.
+  bool ShouldDrop(const std::string& file);
+
+  const ServerOptions& options_;
+  std::mutex lock_;
+  std::map<std::string, uint64_t> positions_;
+  std::set<std::string> dropped_;
+};

@@ -1,0 +1,49 @@
+/*
+ * Copyright (C) 2026 The bundlerun Authors
+ * SPDX-License-Identifier: Apache-2.0
+ */
+
+// The update server's command line.
+
+#pragma once
+
+#include <stdint.h>
+
+#include <map>
+#include <optional>
+#include <string>
+#include <vector>
+
+struct ServerOptions {
+  std::string address = "127.0.0.1";
+  int port = 80;
+  std::string log_path;
+  std::map<std::string, int> delays_ms;  // path ("*" for every path) to delay
+
+  // Server time.
+  std::optional<std::string> date;  // the Date header; unset: the current time
+  bool no_date = false;
+  std::vector<std::pair<std::string, std::string>> root_headers;
+
+  // Update query.
+  std::string answer_path;
+  bool frame = false;
+  bool break_base64 = false;
+
+  // Package mirror.
+  std::string packages_dir;
+  std::map<std::string, std::string> mirrors;  // Host header to directory
+  uint64_t rate = 0;                           // bytes per second; 0: unthrottled
+  uint64_t offset = 0;
+  uint64_t drop_after = 0;  // 0: never
+  bool drop_always = false;
+  std::map<std::string, std::string> redirects;
+  std::vector<std::string> not_found;
+};
+
+// Parses the command line into |options|. Returns false with |error| set when it is wrong, and
+// sets |help| when --help was asked for.
+bool ParseOptions(int argc, char** argv, ServerOptions* options, bool* help, std::string* error);
+
+// The text of --help.
+extern const char kUsage[];
