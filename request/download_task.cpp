@@ -13,6 +13,8 @@
 
 #include <android-base/logging.h>
 
+#include "request/addressinfo.h"
+#include "request/rominfo.h"
 #include "request/syncservertime.h"
 
 FILE* gStatusWriteStream = nullptr;
@@ -25,12 +27,25 @@ DownloadTask::~DownloadTask() { cJSON_Delete(answer); }
 
 int DownloadTask::run_first_stage() {
   auto sync_time = std::make_unique<SyncServerTime>();
+  auto address_info = std::make_unique<AddressInfo>();
+  auto rom_info = std::make_unique<RomInfo>();
   sync_time->driver = this;
+  address_info->driver = this;
+  rom_info->driver = this;
   // A front end that went away must make writes fail, not end the process.
   signal(SIGPIPE, SIG_IGN);
-  sync_time->next = nullptr;
+
+  sync_time->next = address_info.get();
   sync_time->index = SYNC_SERVER_TIME;
+  address_info->next = rom_info.get();
+  address_info->index = ADDRESS_INFO;
+  rom_info->next = nullptr;
+  rom_info->index = ROM_INFO;
   sync_time->run();
+
+  rom_info.reset();
+  address_info.reset();
+  sync_time.reset();
   return 0;
 }
 

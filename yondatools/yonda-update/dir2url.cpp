@@ -46,7 +46,7 @@ constexpr mode_t kMirrorDirMode = 0644;
 
 // Returns the string value of |object|[name], or null when it is missing or not a string.
 const char* StringMember(const cJSON* object, const std::string& name) {
-  return cJSON_GetStringValue(cJSON_GetObjectItem(object, name.c_str()));
+  return cJSON_GetStringValue(cJSON_GetObjectItemCaseSensitive(object, name.c_str()));
 }
 
 // Writes |value| as file |name| in |directory|; an answer without it leaves the file out.
@@ -91,7 +91,7 @@ std::optional<int64_t> RomSizeInBytes(const std::string& size, bool* has_unit) {
 
 // Makes one numbered directory per mirror of the answer's "MirrorList", each holding "host".
 void LayOutMirrors(const cJSON* document, const std::string& rom_dir) {
-  const cJSON* list = cJSON_GetObjectItem(document, kMirrorListName.c_str());
+  const cJSON* list = cJSON_GetObjectItemCaseSensitive(document, kMirrorListName.c_str());
   int count = cJSON_GetArraySize(list);
   LOG(DEBUG) << ">> MirrorList:" << count;
   if (list == nullptr || !cJSON_IsArray(list)) {
@@ -118,11 +118,11 @@ void LayOutMirrors(const cJSON* document, const std::string& rom_dir) {
 
 // Writes the layout of the ROM of |kind| from |document| and hands the document back.
 JsonHandle handle_yondado(JsonHandle document, const std::string& kind) {
-  const cJSON* rom = cJSON_GetObjectItem(document.get(), kind.c_str());
+  const cJSON* rom = cJSON_GetObjectItemCaseSensitive(document.get(), kind.c_str());
   const char* version = StringMember(rom, kVersionKey);
   const char* filename = StringMember(rom, kFilenameKey);
-  const char* current_version =
-      StringMember(cJSON_GetObjectItem(document.get(), kCurrentRomName.c_str()), kVersionKey);
+  const char* current_version = StringMember(
+      cJSON_GetObjectItemCaseSensitive(document.get(), kCurrentRomName.c_str()), kVersionKey);
   const std::string rom_dir = kind == kLatestRomName ? kTmpLatestRomDir : kTmpCrossRomDir;
 
   WriteAnswerFile(rom_dir, kVersionKey, version);
