@@ -7,13 +7,13 @@
 
 #include "request/download_task.h"
 
+#include <android-base/logging.h>
 #include <signal.h>
 
 #include <memory>
 
-#include <android-base/logging.h>
-
 #include "request/addressinfo.h"
+#include "request/romdownload.h"
 #include "request/rominfo.h"
 #include "request/syncservertime.h"
 
@@ -23,7 +23,9 @@ FILE* gStatusReadStream = nullptr;
 DownloadTask::DownloadTask(bool forked, FILE* write_stream, FILE* read_stream)
     : forked(forked), writeStream(write_stream), readStream(read_stream) {}
 
-DownloadTask::~DownloadTask() { cJSON_Delete(answer); }
+DownloadTask::~DownloadTask() {
+  cJSON_Delete(answer);
+}
 
 int DownloadTask::run_first_stage() {
   auto sync_time = std::make_unique<SyncServerTime>();
@@ -50,16 +52,11 @@ int DownloadTask::run_first_stage() {
 }
 
 int DownloadTask::run_second_stage() {
+  auto rom_download = std::make_unique<RomDownload>();
+  rom_download->driver = this;
   signal(SIGPIPE, SIG_IGN);
-  return 0;
-}
-
-int DownloadTask::run_from_command(DownloadStatus) {
-  auto sync_time = std::make_unique<SyncServerTime>();
-  sync_time->driver = this;
-  signal(SIGPIPE, SIG_IGN);
-  sync_time->next = nullptr;
-  sync_time->index = SYNC_SERVER_TIME;
-  sync_time->run();
+  rom_download->next = nullptr;
+  rom_download->index = ROM_DOWNLOAD;
+  rom_download->run();
   return 0;
 }

@@ -1,0 +1,140 @@
+/*
+ * Copyright (C) 2026 The bundlerun Authors
+ * SPDX-License-Identifier: Apache-2.0
+ */
+
+// The command mode: a prefix of the task chain by number, or the package's installer with its
+// updater protocol relayed into the log.
+
+#define LOG_TAG "DownloadTask"
+
+#include "request/installer.h"
+
+#include <android-base/logging.h>
+#include <android-base/parsedouble.h>
+#include <android-base/parseint.h>
+#include <android-base/strings.h>
+#include <errno.h>
+#include <signal.h>
+#include <stdio.h>
+#include <string.h>
+#include <sys/stat.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <memory>
+#include <string>
+#include <vector>
+
+#include "common/unique_file.h"
+#include "request/addressinfo.h"
+#include "request/download_task.h"
+#include "request/romdownload.h"
+#include "request/rominfo.h"
+#include "request/syncservertime.h"
+
+namespace {
+
+// The installer and the package are where the front end puts them in the boot environment.
+constexpr char kUpdateBinaryPath[] = "/tmp/update-binary";
+constexpr char kUpdatePackagePath[] = "/tmp/secure_update.zip";
+constexpr char kUpdaterApiVersion[] = "3";
+constexpr size_t kUpdaterLineSize = 1024;
+
+}  // namespace
+
+void HandleUpdaterLine(const std::string& line) {
+  std::string text = line;
+  if (!text.empty() && text.back() == '\n') text.pop_back();
+  size_t blank = text.find(' ');
+  const std::string command = text.substr(0, blank);
+  const std::string arguments = blank == std::string::npos ? "" : text.substr(blank + 1);
+
+  if (command == "progress") {
+    std::vector<std::string> tokens = android::base::Split(arguments, " ");
+    double fraction;
+    int32_t seconds;
+    if (tokens.size() != 2 || !android::base::ParseDouble(tokens[0], &fraction) ||
+        !android::base::ParseInt(tokens[1], &seconds)) {
+      LOG(ERROR) << "invalid \"progress\" parameters: " << text;
+    }
+  } else if (command == "log") {
+    if (arguments.empty()) LOG(ERROR) << "invalid \"log\" parameters: " << text;
+  } else if (command == "ui_print") {
+    LOG(ERROR) << "ui_print: " << arguments;
+  } else {
+    LOG(ERROR) << "unknown command [" << command << "]";
+  }
+}
+
+int DownloadTask::run_from_command(DownloadStatus n) {
+  if (n == RUN_UPDATER) {
+    run_updater();
+    return 0;
+  }
+  auto sync_time = std::make_unique<SyncServerTime>();
+  auto address_info = std::make_unique<AddressInfo>();
+  auto rom_info = std::make_unique<RomInfo>();
+  auto rom_download = std::make_unique<RomDownload>();
+  for (SecureEvent* task : std::vector<SecureEvent*>{sync_time.get(), address_info.get(),
+                                                     rom_info.get(), rom_download.get()}) {
+    task->driver = this;
+  }
+  signal(SIGPIPE, SIG_IGN);
+
+  sync_time->index = SYNC_SERVER_TIME;
+  address_info->index = ADDRESS_INFO;
+  rom_info->index = ROM_INFO;
+  rom_download->index = ROM_DOWNLOAD;
+  sync_time->next = n > SYNC_SERVER_TIME ? address_info.get() : nullptr;
+  address_info->next = n > ADDRESS_INFO ? rom_info.get() : nullptr;
+  rom_info->next = n >= ROM_DOWNLOAD ? rom_download.get() : nullptr;
+  rom_download->next = nullptr;
+  sync_time->run();
+
+  rom_download.reset();
+  rom_info.reset();
+  address_info.reset();
+  sync_time.reset();
+  return 0;
+}
+
+void DownloadTask::run_updater() {
+  int pipe_fds[2];
+  if (pipe(pipe_fds) != 0) {
+    PLOG(ERROR) << "Failed to create the updater pipe";
+    return;
+  }
+  std::vector<std::string> args = {kUpdateBinaryPath, kUpdaterApiVersion,
+                                   std::to_string(pipe_fds[1]), kUpdatePackagePath};
+  std::vector<char*> argv;
+  for (std::string& arg : args) argv.push_back(arg.data());
+  argv.push_back(nullptr);
+
+  // Nothing buffered may be written twice by the child.
+  fflush(stdout);
+  pid_t pid = fork();
+  if (pid == -1) {
+    close(pipe_fds[0]);
+    close(pipe_fds[1]);
+  } else if (pid == 0) {
+    LOG(INFO) << "Here we go... the process " << getpid() << " is installing\n\n";
+    umask(022);
+    close(pipe_fds[0]);
+    fflush(stdout);
+    execv(argv[0], argv.data());
+    int error = errno;
+    status_channel::WriteCantRun(stdout, argv[0], strerror(error));
+    _exit(1);
+  } else {
+    close(pipe_fds[1]);
+    UniqueFile from_child(fdopen(pipe_fds[0], "r"));
+    char buffer[kUpdaterLineSize];
+    while (from_child && fgets(buffer, sizeof(buffer), from_child.get()) != nullptr) {
+      HandleUpdaterLine(buffer);
+    }
+  }
+  int status;
+  waitpid(pid, &status, 0);
+  LOG(INFO) << "Bye bye, RUN_UPDATER";
+}
