@@ -1,0 +1,155 @@
+/*
+ * Copyright (C) 2026 The bundlerun Authors
+ * SPDX-License-Identifier: Apache-2.0
+ */
+
+// bundlerun-ui through a whole update against the local server: plain lines for scripts, and the
+// live terminal display driven with keys in tmux.
+
+#include <gtest/gtest.h>
+#include <stdio.h>
+#include <stdlib.h>
+#include <sys/wait.h>
+
+#include <chrono>
+#include <memory>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include "bundlerun_child.h"
+#include "harness/harness.h"
+
+namespace {
+
+using namespace std::chrono_literals;
+using harness::ReadFile;
+using harness::WriteFile;
+
+constexpr char kRomZip[] = "/tmp/harness/mirror/base/V2.0/rom.zip";
+constexpr char kUiLog[] = "/tmp/harness/ui.log";
+
+class FrontendTest : public harness::SandboxTest {
+ protected:
+  void SetUp() override {
+    SandboxTest::SetUp();
+    UseFullDevice();
+    ASSERT_EQ(0, system("mkdir -p /tmp/harness/mirror/base/V2.0"));
+  }
+
+  // Makes a sample ROM of |mib| MiB and serves it; |md5| overrides the digest the answer gives.
+  void Serve(int mib, const std::vector<std::string>& extra = {}, std::string md5 = "") {
+    ASSERT_EQ(
+        0,
+        system(
+            (std::string(SAMPLE_ROM_MAKER) + " " + kRomZip + " " + std::to_string(mib)).c_str()));
+    if (md5.empty()) md5 = harness::Md5Sum(kRomZip);
+    WriteFile("/tmp/harness/answer.json",
+              R"({"LatestRom":{"version":"V2.0","filename":"rom.zip","filesize":")" +
+                  std::to_string(mib) + R"(M","md5":")" + md5 +
+                  R"(","Validate":"v"},"CurrentRom":{"version":"V1.0"},"MirrorList":)"
+                  R"(["https://secure.yonda.example/base","http://mirror.yonda.example/base"]})");
+    std::vector<std::string> args = {"--answer", "/tmp/harness/answer.json", "--packages",
+                                     "/tmp/harness/mirror"};
+    args.insert(args.end(), extra.begin(), extra.end());
+    server_ = std::make_unique<harness::UpdateServer>(args);
+    ASSERT_TRUE(server_->ok());
+  }
+
+  // Runs bundlerun-ui in plain mode to its end; returns its exit status.
+  int RunPlain(std::vector<std::string> args, std::string* out) {
+    args.insert(args.begin(), {"--plain", "--log", kUiLog});
+    auto ui = bundlerun_parent::Child::StartRaw(UI_BIN, args);
+    int status = ui->WaitForExit(120s);
+    *out = ui->out();
+    EXPECT_TRUE(WIFEXITED(status)) << status;
+    return WEXITSTATUS(status);
+  }
+
+  std::unique_ptr<harness::UpdateServer> server_;
+};
+
+TEST_F(FrontendTest, PlainModeRunsAWholeUpdate) {
+  Serve(4);
+  std::string out;
+  EXPECT_EQ(0, RunPlain({}, &out)) << out;
+  for (const char* line :
+       {"stage1: clock set from the update server (0:s)\n",
+        "stage1: a ROM is offered, its package address answered (2:s:0)\n",
+        "rom: size 4.0 MiB (4194304 bytes)\n",
+        "rom: mirror 0 https://secure.yonda.example/base  (skipped: https)\n",
+        "rom: mirror 1 http://mirror.yonda.example/base  <- chosen\n",
+        "stage2: downloading http://mirror.yonda.example/base/V2.0/rom.zip (mirror 1)",
+        "verify: package intact: MD5 ", "install: [2/3] Writing the system image\n",
+        "install: Install complete\n", "install: installer finished\n",
+        "done: update finished\n"}) {
+    EXPECT_NE(std::string::npos, out.find(line)) << line << " in\n" << out;
+  }
+  // The log holds bundlerun's own lines, section by section.
+  const std::string log = ReadFile(kUiLog);
+  EXPECT_NE(std::string::npos, log.find("===== stage two =====\n"));
+  EXPECT_NE(std::string::npos, log.find("I:Bye bye, RUN_UPDATER\n"));
+}
+
+TEST_F(FrontendTest, PackageThatDoesNotMatchTheRomIsRefused) {
+  Serve(2, {}, "0123456789abcdef0123456789abcdef");
+  std::string out;
+  EXPECT_EQ(2, RunPlain({}, &out)) << out;
+  EXPECT_NE(std::string::npos,
+            out.find("verify: package does NOT match the ROM: MD5 " + harness::Md5Sum(kRomZip) +
+                     ", the ROM says 0123456789abcdef0123456789abcdef\n"))
+      << out;
+  EXPECT_EQ(std::string::npos, out.find("install:"));
+}
+
+TEST_F(FrontendTest, StoppedDownloadEndsTheUpdate) {
+  Serve(8, {"--rate", "2097152"});
+  std::string out;
+  EXPECT_EQ(4, RunPlain({"--stop-at", "20"}, &out)) << out;
+  EXPECT_NE(std::string::npos, out.find("stage2: stopping\n")) << out;
+  EXPECT_NE(std::string::npos, out.find("stage2: download stopped at ")) << out;
+  EXPECT_EQ(std::string::npos, out.find("verify:"));
+}
+
+// Returns what tmux shows in the front end's pane.
+std::string Screen() {
+  std::unique_ptr<FILE, int (*)(FILE*)> pipe(popen("tmux capture-pane -p -t ui", "r"), pclose);
+  std::string text;
+  char buffer[4096];
+  size_t n;
+  while (pipe && (n = fread(buffer, 1, sizeof(buffer), pipe.get())) > 0) text.append(buffer, n);
+  return text;
+}
+
+bool WaitForScreen(const std::string& text, std::chrono::seconds timeout) {
+  auto deadline = std::chrono::steady_clock::now() + timeout;
+  while (std::chrono::steady_clock::now() < deadline) {
+    if (Screen().find(text) != std::string::npos) return true;
+    std::this_thread::sleep_for(100ms);
+  }
+  return false;
+}
+
+TEST_F(FrontendTest, TerminalModeShowsTheBarAndObeysKeys) {
+  Serve(24, {"--rate", "3145728"});
+  const std::string command = std::string("tmux new-session -d -s ui -x 130 -y 45 '") + UI_BIN +
+                              " --log " + kUiLog + "; echo EXIT:$?; sleep 600'";
+  ASSERT_EQ(0, system(command.c_str()));
+  EXPECT_TRUE(WaitForScreen("downloading", 60s)) << Screen();
+  EXPECT_NE(std::string::npos, Screen().find("] "));
+  ASSERT_EQ(0, system("tmux send-keys -t ui p"));
+  EXPECT_TRUE(WaitForScreen("paused", 20s)) << Screen();
+  std::this_thread::sleep_for(1s);
+  ASSERT_EQ(0, system("tmux send-keys -t ui c"));
+  EXPECT_TRUE(WaitForScreen("EXIT:", 90s)) << Screen();
+
+  const std::string screen = Screen();
+  WriteFile(std::string(TEST_ARTIFACTS_DIR) + "/bundlerun-ui-terminal.txt", screen);
+  system("tmux kill-server");
+  EXPECT_NE(std::string::npos, screen.find("package intact")) << screen;
+  EXPECT_NE(std::string::npos, screen.find("Install complete")) << screen;
+  EXPECT_NE(std::string::npos, screen.find("EXIT:0")) << screen;
+  EXPECT_NE(std::string::npos, ReadFile(kUiLog).find("E:---->receive command: p\n"));
+}
+
+}  // namespace
