@@ -27,6 +27,7 @@
 #include "common/url_wrapper.h"
 #include "request/bundlerun_entry.h"
 #include "request/download_task.h"
+#include "request/romdownload.h"
 
 namespace {
 
@@ -93,6 +94,9 @@ int main(int argc, char** argv) {
     task.downloadUrl = std::make_unique<URLWrapper>(argv[5], argv[6], "", argv[7]);
     task.run_second_stage();
     fclose(write_stream);
+    // The front end closes its command pipe when the status channel ends; the listeners then
+    // end, and only then is the command stream closed.
+    WaitForCommandListeners();
     fclose(read_stream);
     return 0;
   }

@@ -25,6 +25,9 @@ std::atomic<int32_t> gStopFlag{0};
 
 namespace {
 
+// Command listeners started and not yet ended.
+std::atomic<int> g_listeners{0};
+
 constexpr int32_t kStopRequested = CURLE_ABORTED_BY_CALLBACK;
 constexpr size_t kCommandLineSize = 1024;
 constexpr char kRule[] = "######################################";
@@ -111,7 +114,13 @@ int RomDownload::PreExecuted() {
     resume_offset = ftello(packageFile.get());
   }
 
-  std::thread(&RomDownload::listen, this).detach();
+  // Only a front end that started the stage with pipes sends commands. The flag is read here:
+  // a listener may start after its task is gone, and then it only waits for the stream's end.
+  ++g_listeners;
+  std::thread([this, forked = driver->forked] {
+    if (forked) listen();
+    --g_listeners;
+  }).detach();
 
   CURLcode code = CurlOptions(curl)
                       .Set(CURLOPT_ERRORBUFFER, errorBuffer)
@@ -171,7 +180,6 @@ int RomDownload::xferinfo(void* record, curl_off_t, curl_off_t dlnow, curl_off_t
 }
 
 void RomDownload::listen() {
-  if (!driver->forked) return;
   char line[kCommandLineSize];
   while (fgets(line, sizeof(line), gStatusReadStream) != nullptr) {
     line[strcspn(line, "\n")] = '\0';
@@ -195,6 +203,10 @@ void RomDownload::listen() {
         break;
     }
   }
+}
+
+void WaitForCommandListeners() {
+  while (g_listeners > 0) std::this_thread::sleep_for(std::chrono::milliseconds(10));
 }
 
 int RomDownload::OnExecuted() {

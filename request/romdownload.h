@@ -34,6 +34,10 @@ struct DownloadProgress {
 // non-zero value aborts the transfer.
 extern std::atomic<int32_t> gStopFlag;
 
+// Returns once every command listener has seen the end of the command stream (or "stop"), so
+// that the stream can be closed under none of them.
+void WaitForCommandListeners();
+
 class RomDownload : public SecureEvent {
  public:
   RomDownload();
@@ -49,7 +53,8 @@ class RomDownload : public SecureEvent {
   void releaseResource() override;
   OutcomeCallback handleCurlCode(CURLcode code) override;
 
-  // Serves the front end's commands for the running transfer; runs on its own thread.
+  // Serves the front end's commands for the running transfer until the end of the command
+  // stream or "stop"; runs on its own thread, started only when the front end can send commands.
   void listen();
   // libcurl's transfer-info callback: progress and speed lines, and the stop flag.
   static int xferinfo(void* record, curl_off_t dltotal, curl_off_t dlnow, curl_off_t ultotal,

@@ -135,8 +135,9 @@ TEST_F(FrontendTest, TerminalModeShowsTheBarAndObeysKeys) {
   const std::string command = std::string("tmux new-session -d -s ui -x 130 -y 45 '") + UI_BIN +
                               " --log " + kUiLog + "; echo EXIT:$?; sleep 600'";
   ASSERT_EQ(0, system(command.c_str()));
-  EXPECT_TRUE(WaitForScreen("downloading", 60s)) << Screen();
-  EXPECT_NE(std::string::npos, Screen().find("] "));
+  // The bar is up once its key hint shows.
+  ASSERT_TRUE(WaitForScreen("[p]ause [c]ontinue [s]top", 60s)) << Screen();
+  EXPECT_NE(std::string::npos, Screen().find("  downloading  ")) << Screen();
   ASSERT_EQ(0, system("tmux send-keys -t ui p"));
   EXPECT_TRUE(WaitForScreen("paused", 20s)) << Screen();
   std::this_thread::sleep_for(1s);
