@@ -51,11 +51,11 @@ void StripFraming(std::string& text) {
 }  // namespace
 
 AddressInfo::AddressInfo() {
-  EventWrapper<AddressInfo>::instance = this;
+  EventWrapper<AddressInfo>::Attach(this);
 }
 
 AddressInfo::~AddressInfo() {
-  if (EventWrapper<AddressInfo>::instance == this) EventWrapper<AddressInfo>::instance = nullptr;
+  EventWrapper<AddressInfo>::Detach(this);
 }
 
 std::string AddressInfo::getDescriptor() {

@@ -70,13 +70,13 @@ URLWrapper SplitRedirect(const std::string& address) {
 }  // namespace
 
 RomDownload::RomDownload() {
-  EventWrapper<RomDownload>::instance = this;
+  EventWrapper<RomDownload>::Attach(this);
   InitCbmap();
 }
 
 RomDownload::~RomDownload() {
   RomDownload::releaseResource();
-  if (EventWrapper<RomDownload>::instance == this) EventWrapper<RomDownload>::instance = nullptr;
+  EventWrapper<RomDownload>::Detach(this);
 }
 
 std::string RomDownload::getDescriptor() {

@@ -19,12 +19,12 @@
 #include "yondatools/yonda-update/dir2url.h"
 
 RomInfo::RomInfo() {
-  EventWrapper<RomInfo>::instance = this;
+  EventWrapper<RomInfo>::Attach(this);
   InitCbmap();
 }
 
 RomInfo::~RomInfo() {
-  if (EventWrapper<RomInfo>::instance == this) EventWrapper<RomInfo>::instance = nullptr;
+  EventWrapper<RomInfo>::Detach(this);
 }
 
 std::string RomInfo::getDescriptor() {

@@ -96,6 +96,12 @@ struct EventWrapper {
   static void fake_callback(void* arg, int status, int timeouts, hostent* host) {
     instance->DnsResolveCallback(arg, status, timeouts, host);
   }
+  // Makes |task| the one that receives resolver callbacks (a task's constructor does this).
+  static void Attach(T* task) { instance = task; }
+  // Forgets |task| when it is the one registered (a task's destructor does this).
+  static void Detach(T* task) {
+    if (instance == task) instance = nullptr;
+  }
 };
 template <typename T>
 T* EventWrapper<T>::instance = nullptr;

@@ -27,13 +27,11 @@ constexpr size_t kHeaderNameLength = 6;
 }  // namespace
 
 SyncServerTime::SyncServerTime() {
-  EventWrapper<SyncServerTime>::instance = this;
+  EventWrapper<SyncServerTime>::Attach(this);
 }
 
 SyncServerTime::~SyncServerTime() {
-  if (EventWrapper<SyncServerTime>::instance == this) {
-    EventWrapper<SyncServerTime>::instance = nullptr;
-  }
+  EventWrapper<SyncServerTime>::Detach(this);
 }
 
 std::string SyncServerTime::getDescriptor() {

@@ -72,25 +72,23 @@ bool ParseOptions(int argc, char** argv, ServerOptions* options, bool* help, std
   *help = false;
   for (int i = 1; i < argc; ++i) {
     const std::string flag = argv[i];
-    // Flags without a value.
     if (flag == "--help" || flag == "-h") {
       *help = true;
       return true;
     }
-    if (flag == "--no-date") {
-      options->no_date = true;
-      continue;
+    // Flags without a value.
+    const std::pair<const char*, bool*> switches[] = {
+        {"--no-date", &options->no_date},
+        {"--frame", &options->frame},
+        {"--break-base64", &options->break_base64},
+        {"--drop-always", &options->drop_always},
+    };
+    bool* set = nullptr;
+    for (const auto& [name, target] : switches) {
+      if (flag == name) set = target;
     }
-    if (flag == "--frame") {
-      options->frame = true;
-      continue;
-    }
-    if (flag == "--break-base64") {
-      options->break_base64 = true;
-      continue;
-    }
-    if (flag == "--drop-always") {
-      options->drop_always = true;
+    if (set != nullptr) {
+      *set = true;
       continue;
     }
     if (i + 1 >= argc) {
