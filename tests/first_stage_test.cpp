@@ -202,38 +202,47 @@ TEST_F(FirstStageTest, AnswersWithoutAnOfferedRomAndHostileAnswers) {
     std::string answer;
     std::string status;
     std::map<std::string, std::string> files;  // in the ROM directory; "" content: must not exist
+    std::string log;
   } cases[] = {
       {"no LatestRom",
        R"({"CurrentRom":{"version":"V1.0"}})",
        "0:s\n1:s\n2:s:2",
-       {{"curr_version", "TALU-V816.0.1"}, {"version", "???"}}},
+       {{"curr_version", "TALU-V816.0.1"}, {"version", "???"}},
+       "I:>> No available rom to update!!\n"},
       {"no CurrentRom",
        R"({"LatestRom":[]})",
        "0:s\n1:s\n2:s:2",
-       {{"curr_version", "TALU-V816.0.1 (N/A)"}, {"version", "???"}}},
+       {{"curr_version", "TALU-V816.0.1 (N/A)"}, {"version", "???"}},
+       ""},
       {"null CurrentRom",
        R"({"CurrentRom":null})",
        "0:s\n1:s\n2:s:2",
-       {{"curr_version", "TALU-V816.0.1 (N/A)"}}},
-      {"not JSON at all", "\x01\x02 this is not json", "0:s\n1:s\n2:s:2", {{"version", "???"}}},
+       {{"curr_version", "TALU-V816.0.1 (N/A)"}},
+       ""},
+      {"not JSON at all", "\x01\x02 this is not json", "0:s\n1:s\n2:s:2", {{"version", "???"}}, ""},
       {"offered ROM without keys",
        R"({"LatestRom":{}})",
        "0:s\n1:s\n2:s:0",
-       {{"version", ""}, {"filename", ""}}},
+       {{"version", ""}, {"filename", ""}},
+       "E:update answer has no \"MirrorList\" array, no mirror laid out\n"},
       {"non-string values",
-       R"({"LatestRom":{"version":2,"filename":["x"]},"MirrorList":[7]})",
+       R"({"LatestRom":{"version":2,"filename":["x"]},"MirrorList":[7,"http://b"]})",
        "0:s\n1:s\n2:s:0",
-       {{"version", ""}, {"0/host", ""}}},
+       {{"version", ""}, {"0/host", ""}, {"1/host", "http://b"}},
+       "E:update answer has no string \"version\", /tmp/download/LatestRom/version not "
+       "written\n"},
       {"huge mirror list",
        huge,
        "0:s\n1:s\n2:s:0",
-       {{"99/host", "https://m99.example"}, {"100", ""}}},
+       {{"99/host", "https://m99.example"}, {"100", ""}},
+       "E:update answer lists 20001 mirrors, only the first 100 are laid out\n"},
   };
   for (const Case& c : cases) {
     SCOPED_TRACE(c.name);
     system("rm -rf /tmp/download/LatestRom/* /tmp/download/CurrentRom");
     auto child = RunFirstStage(c.answer);
     EXPECT_EQ(c.status, child->status());
+    EXPECT_NE(std::string::npos, child->out().find(c.log)) << child->out();
     for (const auto& [file, content] : c.files) {
       const std::string path = std::string(kRom) + "/" + file;
       if (content.empty()) {
