@@ -10,6 +10,15 @@
 #pragma once
 
 #include <stddef.h>
+#include <stdlib.h>
+
+#include <memory>
+
+// Owns a buffer that one of the functions below returned.
+struct CipherBufferFree {
+  void operator()(char* buffer) const { free(buffer); }
+};
+using CipherBuffer = std::unique_ptr<char, CipherBufferFree>;
 
 // Enciphers |in|. *out holds the padded length of ciphertext and a terminating zero.
 int AES_CBC_PKCS5Padding_Encrypt(const char* key, char** out, int* outLen, const char* in,

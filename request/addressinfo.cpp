@@ -23,6 +23,7 @@
 #include "request/download_task.h"
 #include "request/update_checker.h"
 #include "yonda_resolver.h"
+#include "yondatools/yonda-root/jsondump.h"
 #include "yondatools/yonda-root/secure_mount.h"
 #include "yondatools/yonda-update/dir2url.h"
 
@@ -145,33 +146,34 @@ int AddressInfo::PostExecuted() {
   printf(">> %lu bytes responsed:\n%s\n", static_cast<unsigned long>(text.size()), text.c_str());
   create_file_and_writedata(kTmpResponseCipherPath, text);
 
-  char* decoded = nullptr;
+  char* raw_decoded = nullptr;
   size_t decoded_len = 0;
-  if (base64_decode(&decoded, &decoded_len, text.data(), text.size()) != 0) {
+  // A failed decode has already released its buffer.
+  if (base64_decode(&raw_decoded, &decoded_len, text.data(), text.size()) != 0) {
     printf("failed to use base64 to decode %s\n", kResponseBodyPath.c_str());
     return SecureEvent::PostExecuted();
   }
-  char* clear = nullptr;
+  CipherBuffer decoded(raw_decoded);
+  char* raw_clear = nullptr;
   int clear_len = 0;
-  if (AES_CBC_PKCS5Padding_Decrypt(kUpdateCipherKey, &clear, &clear_len, decoded,
-                                   static_cast<int>(decoded_len)) != 0) {
+  // The cipher hands its buffer over on failure too.
+  const int decrypted = AES_CBC_PKCS5Padding_Decrypt(kUpdateCipherKey, &raw_clear, &clear_len,
+                                                     decoded.get(), static_cast<int>(decoded_len));
+  CipherBuffer clear(raw_clear);
+  if (decrypted != 0) {
     printf("failed to use aes-128-cbc to decrypt %s\n", kResponseBodyPath.c_str());
-    free(clear);
-    free(decoded);
     return SecureEvent::PostExecuted();
   }
 
   // The padding and the extra deciphered block stay behind the document; the JSON parser stops
   // at the document's end.
-  std::string clear_text = clear;
+  std::string clear_text = clear.get();
   create_file_and_writedata(kTmpResponsePlainPath, clear_text);
   LOG(DEBUG) << ">> AddressInfo clear response \"" << kTmpResponsePlainPath << "\":\n"
              << clear_text << "\n";
   PostExecutedFinal(clear_text.c_str());
   cJSON_Delete(driver->answer);
   driver->answer = cJSON_Parse(clear_text.c_str());
-  free(clear);
-  free(decoded);
   return SecureEvent::PostExecuted();
 }
 

@@ -11,6 +11,7 @@
 #include <signal.h>
 
 #include <memory>
+#include <vector>
 
 #include "request/addressinfo.h"
 #include "request/romdownload.h"
@@ -58,5 +59,37 @@ int DownloadTask::run_second_stage() {
   rom_download->next = nullptr;
   rom_download->index = ROM_DOWNLOAD;
   rom_download->run();
+  return 0;
+}
+
+int DownloadTask::run_from_command(DownloadStatus n) {
+  if (n == RUN_UPDATER) {
+    run_updater();
+    return 0;
+  }
+  auto sync_time = std::make_unique<SyncServerTime>();
+  auto address_info = std::make_unique<AddressInfo>();
+  auto rom_info = std::make_unique<RomInfo>();
+  auto rom_download = std::make_unique<RomDownload>();
+  for (SecureEvent* task : std::vector<SecureEvent*>{sync_time.get(), address_info.get(),
+                                                     rom_info.get(), rom_download.get()}) {
+    task->driver = this;
+  }
+  signal(SIGPIPE, SIG_IGN);
+
+  sync_time->index = SYNC_SERVER_TIME;
+  address_info->index = ADDRESS_INFO;
+  rom_info->index = ROM_INFO;
+  rom_download->index = ROM_DOWNLOAD;
+  sync_time->next = n > SYNC_SERVER_TIME ? address_info.get() : nullptr;
+  address_info->next = n > ADDRESS_INFO ? rom_info.get() : nullptr;
+  rom_info->next = n >= ROM_DOWNLOAD ? rom_download.get() : nullptr;
+  rom_download->next = nullptr;
+  sync_time->run();
+
+  rom_download.reset();
+  rom_info.reset();
+  address_info.reset();
+  sync_time.reset();
   return 0;
 }

@@ -3,8 +3,8 @@
  * SPDX-License-Identifier: Apache-2.0
  */
 
-// The command mode: a prefix of the task chain by number, or the package's installer with its
-// updater protocol relayed into the log.
+// The installer runner of the command mode: runs the package's installer and relays its updater
+// protocol into the log.
 
 #define LOG_TAG "DownloadTask"
 
@@ -15,23 +15,17 @@
 #include <android-base/parseint.h>
 #include <android-base/strings.h>
 #include <errno.h>
-#include <signal.h>
 #include <stdio.h>
 #include <string.h>
 #include <sys/stat.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
-#include <memory>
 #include <string>
 #include <vector>
 
 #include "common/unique_file.h"
-#include "request/addressinfo.h"
 #include "request/download_task.h"
-#include "request/romdownload.h"
-#include "request/rominfo.h"
-#include "request/syncservertime.h"
 
 namespace {
 
@@ -65,38 +59,6 @@ void HandleUpdaterLine(const std::string& line) {
   } else {
     LOG(ERROR) << "unknown command [" << command << "]";
   }
-}
-
-int DownloadTask::run_from_command(DownloadStatus n) {
-  if (n == RUN_UPDATER) {
-    run_updater();
-    return 0;
-  }
-  auto sync_time = std::make_unique<SyncServerTime>();
-  auto address_info = std::make_unique<AddressInfo>();
-  auto rom_info = std::make_unique<RomInfo>();
-  auto rom_download = std::make_unique<RomDownload>();
-  for (SecureEvent* task : std::vector<SecureEvent*>{sync_time.get(), address_info.get(),
-                                                     rom_info.get(), rom_download.get()}) {
-    task->driver = this;
-  }
-  signal(SIGPIPE, SIG_IGN);
-
-  sync_time->index = SYNC_SERVER_TIME;
-  address_info->index = ADDRESS_INFO;
-  rom_info->index = ROM_INFO;
-  rom_download->index = ROM_DOWNLOAD;
-  sync_time->next = n > SYNC_SERVER_TIME ? address_info.get() : nullptr;
-  address_info->next = n > ADDRESS_INFO ? rom_info.get() : nullptr;
-  rom_info->next = n >= ROM_DOWNLOAD ? rom_download.get() : nullptr;
-  rom_download->next = nullptr;
-  sync_time->run();
-
-  rom_download.reset();
-  rom_info.reset();
-  address_info.reset();
-  sync_time.reset();
-  return 0;
 }
 
 void DownloadTask::run_updater() {

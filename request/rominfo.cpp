@@ -76,11 +76,7 @@ void RomInfo::InitCbmap() {
   SecureEvent::InitCbmap();
   SetCallback(OutcomeKey(CURLE_OK), [this](DownloadStatus status) {
     status_channel::WriteRomState(driver->writeStream, status, driver->romState);
-    if (next != nullptr) {
-      next->run();
-    } else {
-      LOG(INFO) << "this is the last task, byebye";
-    }
+    RunNextTask("this is the last task, byebye");
     return true;
   });
 }

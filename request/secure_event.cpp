@@ -16,6 +16,7 @@
 
 #include "request/download_task.h"
 #include "yondatools/yonda-dgq/dgqprotocal.h"
+#include "yondatools/yonda-root/jsondump.h"
 #include "yondatools/yonda-root/secure_mount.h"
 #include "yondatools/yonda-update/dir2url.h"
 
@@ -30,8 +31,7 @@ constexpr char kFixedResolve[] = BUNDLERUN_INTL_UPDATE_HOST ":80:" BUNDLERUN_FAL
 }  // namespace
 
 SecureEvent::SecureEvent() {
-  errorBuffer = static_cast<char*>(calloc(kErrorBufferSize, 1));
-  curl = curl_easy_init();
+  SecureEvent::InitResource();
   // During construction this installs the base entries; a task that adds its own calls its
   // InitCbmap again from its constructor.
   InitCbmap();
@@ -68,11 +68,7 @@ int SecureEvent::PostExecuted() {
 void SecureEvent::InitCbmap() {
   SetCallback(OutcomeKey(CURLE_OK), [this](DownloadStatus status) {
     status_channel::WriteSuccess(driver->writeStream, status);
-    if (next != nullptr) {
-      next->run();
-    } else {
-      LOG(INFO) << "this is the last task, byebye";
-    }
+    RunNextTask("this is the last task, byebye");
     return true;
   });
   // The base does not retry; a task that wants to installs its own entry.
@@ -153,6 +149,14 @@ void SecureEvent::DnsResolveCallback(void*, int status, int, hostent* host) {
 
 void SecureEvent::SetCallback(DownloadStatus key, OutcomeCallback callback) {
   cbmap[key].swap(callback);
+}
+
+void SecureEvent::RunNextTask(const std::string& last_words) {
+  if (next != nullptr) {
+    next->run();
+  } else {
+    LOG(INFO) << last_words;
+  }
 }
 
 void SecureEvent::AppendStandardHeaders() {

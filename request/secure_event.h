@@ -85,6 +85,8 @@ class SecureEvent {
   void SetCallback(DownloadStatus key, OutcomeCallback callback);
   // Appends the three request headers that every request of the boot environment carries.
   void AppendStandardHeaders();
+  // Starts the next task of the chain, or logs |last_words| when this task is the last.
+  void RunNextTask(const std::string& last_words);
   // Sets |target| as the transfer URL and performs the transfer. Returns its CURLcode.
   CURLcode Perform(const std::string& target);
 };

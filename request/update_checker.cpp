@@ -88,21 +88,25 @@ int getUpdateUrlHeader(StringMap& headers) {
 
 int getUpdateUrlParams(std::string& json, std::string&, std::string&& t, int s, StringMap& params) {
   create_file_and_writedata(kTmpRequestPlainPath, json);
-  char* cipher = nullptr;
+  char* raw_cipher = nullptr;
   int cipher_len = 0;
-  if (AES_CBC_PKCS5Padding_Encrypt(kUpdateCipherKey, &cipher, &cipher_len, json.data(),
-                                   static_cast<int>(json.size())) != 0) {
-    free(cipher);
+  // The cipher hands its buffer over on failure too.
+  const int encrypted = AES_CBC_PKCS5Padding_Encrypt(kUpdateCipherKey, &raw_cipher, &cipher_len,
+                                                     json.data(), static_cast<int>(json.size()));
+  CipherBuffer cipher(raw_cipher);
+  if (encrypted != 0) return -1;
+  char* raw_encoded = nullptr;
+  size_t encoded_len = 0;
+  if (base64_encode(&raw_encoded, &encoded_len, cipher.get(), cipher_len) != 0) {
+    // Deliberately left allocated: base64 fails only on a length overflow, and the query then
+    // goes out without "q".
+    cipher.release();
     return -1;
   }
-  char* encoded = nullptr;
-  size_t encoded_len = 0;
-  if (base64_encode(&encoded, &encoded_len, cipher, cipher_len) != 0) return -1;
-  params["q"] = encoded;
+  CipherBuffer encoded(raw_encoded);
+  params["q"] = encoded.get();
   params["t"] = std::move(t);
   params["s"] = s == 1 ? "1" : "2";
-  free(cipher);
-  free(encoded);
   return 0;
 }
 

@@ -16,6 +16,7 @@
 #include "harness/harness.h"
 #include "request/bundlerun_entry.h"
 #include "yondatools/yonda-dgq/dgqprotocal.h"
+#include "yondatools/yonda-root/jsondump.h"
 #include "yondatools/yonda-root/secure_mount.h"
 #include "yondatools/yonda-update/dir2url.h"
 

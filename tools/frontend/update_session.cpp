@@ -9,7 +9,6 @@
 #include <android-base/properties.h>
 #include <android-base/strings.h>
 #include <curl/curl.h>
-#include <poll.h>
 #include <signal.h>
 #include <string.h>
 #include <sys/stat.h>

@@ -60,7 +60,7 @@ class UpdateSession {
   std::vector<bundlerun_parent::StatusRecord> Finish(bundlerun_parent::Child& child);
   // Handles one log line of bundlerun (standard output).
   void OnLogLine(const std::string& line);
-  // Returns the environment of a bundlerun child and starts a section of the log.
+  // Starts a section of the log and forgets what the previous child wrote.
   void BeginLogSection(const std::string& title);
 
   const UiOptions& options_;

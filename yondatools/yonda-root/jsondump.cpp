@@ -3,9 +3,7 @@
  * SPDX-License-Identifier: Apache-2.0
  */
 
-// The latest-ROM dump: what a run laid out in the volatile scratch tree is copied to the
-// persistent download tree on the cache partition, through the write gate, so that it survives
-// the boot environment.
+#include "yondatools/yonda-root/jsondump.h"
 
 #include <android-base/file.h>
 #include <android-base/logging.h>

@@ -29,6 +29,3 @@ std::string open_file_and_readdata(const std::string& path);
 
 // Returns the boot image name: "yonda" in the update boot environment, "android" in the system.
 std::string whichEnvironment();
-
-// Copies the scratch ROM information and request/response files to the persistent tree.
-void jsondump();
