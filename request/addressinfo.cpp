@@ -96,7 +96,12 @@ void AddressInfo::run() {
 
 int AddressInfo::PreExecuted() {
   outputFile.reset(fopen(kResponseBodyPath.c_str(), "w"));
+  const int open_error = errno;
   LOG(DEBUG) << ">> AddressInfo::PreExecuted, curl writedata=" << kResponseBodyPath;
+  if (!outputFile) {
+    LOG(ERROR) << "failed to open " << kResponseBodyPath << ": " << strerror(open_error);
+    return CURLE_WRITE_ERROR;
+  }
   AppendStandardHeaders();
   return CurlOptions(curl)
       .Set(CURLOPT_ERRORBUFFER, errorBuffer)

@@ -27,11 +27,17 @@
 #include "common/url_wrapper.h"
 #include "request/bundlerun_entry.h"
 #include "request/download_task.h"
-#include "request/romdownload.h"
 
 namespace {
 
 constexpr char kBanner[] = "==================================================";
+
+// Closes the status channel: the write end first, then the command stream. The download's
+// command listener has ended with its task; a descriptor that could not be opened has no stream.
+void CloseStatusStreams(FILE* write_stream, FILE* read_stream) {
+  if (write_stream != nullptr) fclose(write_stream);
+  if (read_stream != nullptr) fclose(read_stream);
+}
 
 }  // namespace
 
@@ -79,8 +85,7 @@ int main(int argc, char** argv) {
     LOG(INFO) << kBanner << " Start bundlerun 1st-stage [" << getpid() << "]...";
     DownloadTask task(/*forked=*/true, write_stream, read_stream);
     task.run_first_stage();
-    fclose(write_stream);
-    fclose(read_stream);
+    CloseStatusStreams(write_stream, read_stream);
     return 0;
   }
 
@@ -93,11 +98,7 @@ int main(int argc, char** argv) {
     DownloadTask task(/*forked=*/true, write_stream, read_stream);
     task.downloadUrl = std::make_unique<URLWrapper>(argv[5], argv[6], "", argv[7]);
     task.run_second_stage();
-    fclose(write_stream);
-    // The front end closes its command pipe when the status channel ends; the listeners then
-    // end, and only then is the command stream closed.
-    WaitForCommandListeners();
-    fclose(read_stream);
+    CloseStatusStreams(write_stream, read_stream);
     return 0;
   }
 

@@ -8,12 +8,12 @@
 #include "request/romdownload.h"
 
 #include <android-base/logging.h>
+#include <errno.h>
 #include <stdio.h>
 #include <string.h>
 
 #include <chrono>
 #include <string>
-#include <thread>
 
 #include "common/file_digest.h"
 #include "common/paths.h"
@@ -21,20 +21,17 @@
 #include "yonda_resolver.h"
 #include "yondatools/yonda-update/dir2url.h"
 
-std::atomic<int32_t> gStopFlag{0};
-
 namespace {
 
-// Command listeners started and not yet ended.
-std::atomic<int> g_listeners{0};
-
-constexpr int32_t kStopRequested = CURLE_ABORTED_BY_CALLBACK;
-constexpr size_t kCommandLineSize = 1024;
 constexpr char kRule[] = "######################################";
 // Sizes of the parts of a redirect address; longer parts are cut.
 constexpr size_t kSchemeSize = 16;
 constexpr size_t kHostSize = 1024;
 constexpr size_t kPathSize = 524288;
+// The package is fetched over HTTP only, also where a redirect points.
+constexpr char kAllowedProtocols[] = "http,https";
+// Longest wait for the socket before libcurl's own timers are looked at again.
+constexpr int kPollTimeoutMs = 1000;
 
 int64_t SteadyNanos() {
   return std::chrono::duration_cast<std::chrono::nanoseconds>(
@@ -48,7 +45,25 @@ std::string Bounded(std::string text, size_t size) {
   return text;
 }
 
-// Splits a redirect address into scheme (through "://"), host and path.
+// Keeps an easy handle in a multi handle for one transfer.
+class MultiAttachment {
+ public:
+  MultiAttachment(CURLM* multi, CURL* easy) : multi_(multi), easy_(easy) {
+    result_ = curl_multi_add_handle(multi_, easy_);
+  }
+  ~MultiAttachment() {
+    if (result_ == CURLM_OK) curl_multi_remove_handle(multi_, easy_);
+  }
+  CURLMcode result() const { return result_; }
+
+ private:
+  CURLM* multi_;
+  CURL* easy_;
+  CURLMcode result_;
+};
+
+}  // namespace
+
 URLWrapper SplitRedirect(const std::string& address) {
   std::string scheme, host, path;
   size_t host_start = 0;
@@ -67,14 +82,14 @@ URLWrapper SplitRedirect(const std::string& address) {
                     Bounded(path, kPathSize));
 }
 
-}  // namespace
-
-RomDownload::RomDownload() {
+RomDownload::RomDownload()
+    : multi_(curl_multi_init()), listener_([this] { curl_multi_wakeup(multi_.get()); }) {
   EventWrapper<RomDownload>::Attach(this);
   InitCbmap();
 }
 
 RomDownload::~RomDownload() {
+  listener_.Stop();
   RomDownload::releaseResource();
   EventWrapper<RomDownload>::Detach(this);
 }
@@ -84,6 +99,16 @@ std::string RomDownload::getDescriptor() {
 }
 
 void RomDownload::run() {
+  do {
+    attemptAgain_ = false;
+    Attempt();
+  } while (attemptAgain_);
+  // A redirected transfer finished before the download it led to began; its own completion is
+  // reported after that download has ended, once per redirect.
+  for (; completionsDue_ > 0; --completionsDue_) handleCurlCode(CURLE_OK)(index);
+}
+
+void RomDownload::Attempt() {
   LOG(INFO) << ">> RomDownload is running...";
   if (!driver->downloadUrl) {
     // The first stage found no package address (no ROM, or no plain-HTTP mirror).
@@ -107,20 +132,17 @@ int RomDownload::Executed(DownloadTask* task_driver) {
 
 int RomDownload::PreExecuted() {
   packageFile.reset(fopen(kSecureUpdatePackagePath.c_str(), "a"));
+  const int open_error = errno;
   LOG(DEBUG) << ">> RomDownload::PreExecuted, updatefile=" << kSecureUpdatePackagePath;
+  // Only a front end that started the stage with pipes sends commands.
+  if (driver->forked && gStatusReadStream != nullptr) listener_.Start(fileno(gStatusReadStream));
+  if (!packageFile) {
+    LOG(ERROR) << "failed to open " << kSecureUpdatePackagePath << ": " << strerror(open_error);
+    return CURLE_WRITE_ERROR;
+  }
   // What an earlier attempt left stays; the new body is appended after it.
   int64_t resume_offset = 0;
-  if (packageFile && fseeko(packageFile.get(), 0, SEEK_END) == 0) {
-    resume_offset = ftello(packageFile.get());
-  }
-
-  // Only a front end that started the stage with pipes sends commands. The flag is read here:
-  // a listener may start after its task is gone, and then it only waits for the stream's end.
-  ++g_listeners;
-  std::thread([this, forked = driver->forked] {
-    if (forked) listen();
-    --g_listeners;
-  }).detach();
+  if (fseeko(packageFile.get(), 0, SEEK_END) == 0) resume_offset = ftello(packageFile.get());
 
   CURLcode code = CurlOptions(curl)
                       .Set(CURLOPT_ERRORBUFFER, errorBuffer)
@@ -130,6 +152,8 @@ int RomDownload::PreExecuted() {
                       .Set(CURLOPT_WRITEDATA, packageFile.get())
                       .Set(CURLOPT_SSL_VERIFYPEER, 0L)
                       .Set(CURLOPT_SSL_VERIFYHOST, 0L)
+                      .Set(CURLOPT_PROTOCOLS_STR, kAllowedProtocols)
+                      .Set(CURLOPT_REDIR_PROTOCOLS_STR, kAllowedProtocols)
                       .result();
   if (code != CURLE_OK) return code;
 
@@ -179,57 +203,80 @@ int RomDownload::xferinfo(void* record, curl_off_t, curl_off_t dlnow, curl_off_t
   return gStopFlag;
 }
 
-void RomDownload::listen() {
-  char line[kCommandLineSize];
-  while (fgets(line, sizeof(line), gStatusReadStream) != nullptr) {
-    line[strcspn(line, "\n")] = '\0';
-    LOG(ERROR) << "---->receive command: " << line;
-    switch (line[0]) {
-      case 'c':
-        if (curl != nullptr && curl_easy_pause(curl, CURLPAUSE_CONT) == CURLE_OK) {
-          status_channel::WriteAcknowledge(driver->writeStream, ROM_DOWNLOAD, 'c');
-        }
-        break;
-      case 'p':
-        if (curl != nullptr && curl_easy_pause(curl, CURLPAUSE_RECV) == CURLE_OK) {
-          status_channel::WriteAcknowledge(driver->writeStream, ROM_DOWNLOAD, 'p');
-        }
-        break;
-      case 's':
-        gStopFlag = kStopRequested;
-        return;
-      default:
-        LOG(WARNING) << "RomDownload INVALID COMMAND: " << line;
-        break;
-    }
-  }
-}
-
-void WaitForCommandListeners() {
-  while (g_listeners > 0) std::this_thread::sleep_for(std::chrono::milliseconds(10));
-}
-
 int RomDownload::OnExecuted() {
   std::string target = url.url();
   LOG(DEBUG) << ">> RomDownload::OnExecuted, url=" << target;
-  CURLcode code = Perform(target);
+  CURLcode code = curl_easy_setopt(curl, CURLOPT_URL, target.c_str());
+  if (code == CURLE_OK) code = Transfer();
   if (code != CURLE_OK) return code;
 
   curl_easy_setopt(curl, CURLOPT_FOLLOWLOCATION, 1L);
   char* redirect = nullptr;
   curl_easy_getinfo(curl, CURLINFO_REDIRECT_URL, &redirect);
   if (redirect == nullptr) return CURLE_OK;
-  Restart(redirect);
+  LOG(DEBUG) << kRule;
+  LOG(DEBUG) << ">> Redirected URL=" << redirect;
+  redirect_ = SplitRedirect(redirect);
   return CURLE_OK;
 }
 
-void RomDownload::Restart(const std::string& redirect) {
-  LOG(DEBUG) << kRule;
-  LOG(DEBUG) << ">> Redirected URL=" << redirect;
-  driver->downloadUrl = std::make_unique<URLWrapper>(SplitRedirect(redirect));
+CURLcode RomDownload::Transfer() {
+  MultiAttachment attachment(multi_.get(), curl);
+  if (attachment.result() != CURLM_OK) {
+    LOG(ERROR) << "failed to start the transfer: " << curl_multi_strerror(attachment.result());
+    return CURLE_FAILED_INIT;
+  }
+  int running = 1;
+  CURLMcode multi_code = CURLM_OK;
+  while (true) {
+    ApplyCommand();
+    multi_code = curl_multi_perform(multi_.get(), &running);
+    if (multi_code != CURLM_OK || running == 0) break;
+    multi_code = curl_multi_poll(multi_.get(), nullptr, 0, kPollTimeoutMs, nullptr);
+    if (multi_code != CURLM_OK) break;
+  }
+  if (multi_code != CURLM_OK) {
+    LOG(ERROR) << "transfer failed: " << curl_multi_strerror(multi_code);
+    return CURLE_FAILED_INIT;
+  }
+  CURLcode code = CURLE_FAILED_INIT;
+  int left = 0;
+  while (CURLMsg* message = curl_multi_info_read(multi_.get(), &left)) {
+    if (message->msg == CURLMSG_DONE && message->easy_handle == curl) code = message->data.result;
+  }
+  return code;
+}
+
+void RomDownload::ApplyCommand() {
+  switch (listener_.Take()) {
+    case 'p':
+      if (curl_easy_pause(curl, CURLPAUSE_RECV) == CURLE_OK) {
+        // What has arrived is in the file before the front end hears that the download paused.
+        fflush(packageFile.get());
+        status_channel::WriteAcknowledge(driver->writeStream, ROM_DOWNLOAD, 'p');
+      }
+      break;
+    case 'c':
+      if (curl_easy_pause(curl, CURLPAUSE_CONT) == CURLE_OK) {
+        status_channel::WriteAcknowledge(driver->writeStream, ROM_DOWNLOAD, 'c');
+      }
+      break;
+    default:
+      break;
+  }
+}
+
+void RomDownload::FollowRedirect() {
+  driver->downloadUrl = std::make_unique<URLWrapper>(std::move(*redirect_));
+  redirect_.reset();
+  ++completionsDue_;
+  ScheduleAttempt();
+}
+
+void RomDownload::ScheduleAttempt() {
   releaseResource();
   InitResource();
-  run();
+  attemptAgain_ = true;
 }
 
 int RomDownload::PostExecuted() {
@@ -238,6 +285,13 @@ int RomDownload::PostExecuted() {
 }
 
 OutcomeCallback RomDownload::handleCurlCode(CURLcode code) {
+  if (code == CURLE_OK && redirect_) {
+    // This transfer's outcome is recorded and reported when the download it led to has ended.
+    return [this](DownloadStatus) {
+      FollowRedirect();
+      return true;
+    };
+  }
   dgqstub(code);
   if (code == CURLE_OK || code == CURLE_ABORTED_BY_CALLBACK) return cbmap.at(OutcomeKey(code));
   LOG(DEBUG) << kRule;
@@ -245,9 +299,7 @@ OutcomeCallback RomDownload::handleCurlCode(CURLcode code) {
   // Every other failure starts the transfer again at once, appending to what arrived.
   return [this, code](DownloadStatus status) {
     status_channel::WriteFailure(driver->writeStream, status, code);
-    releaseResource();
-    InitResource();
-    run();
+    ScheduleAttempt();
     return true;
   };
 }
@@ -255,23 +307,23 @@ OutcomeCallback RomDownload::handleCurlCode(CURLcode code) {
 void RomDownload::InitCbmap() {
   SecureEvent::InitCbmap();
   SetCallback(OutcomeKey(CURLE_OK), [this](DownloadStatus status) {
-    LOG(DEBUG) << "[CURLE_OK] lastsize=" << progress->lastSample
-               << ", lastresume=" << progress->resumeOffset << ", lastchunk=" << progress->lastNow
-               << ", filetotalsize=" << progress->totalSize;
-    progress->lastSample = progress->lastNow + progress->resumeOffset;
-    LOG(INFO) << ">> Totally " << progress->lastSample << " bytes downloaded";
-    fflush(packageFile.get());
-    if (progress->lastSample == 0) {
+    // A redirect whose new address could not be resolved leaves an attempt without a transfer:
+    // it received nothing.
+    DownloadProgress nothing;
+    DownloadProgress& record = progress ? *progress : nothing;
+    LOG(DEBUG) << "[CURLE_OK] lastsize=" << record.lastSample
+               << ", lastresume=" << record.resumeOffset << ", lastchunk=" << record.lastNow
+               << ", filetotalsize=" << record.totalSize;
+    record.lastSample = record.lastNow + record.resumeOffset;
+    LOG(INFO) << ">> Totally " << record.lastSample << " bytes downloaded";
+    if (packageFile) fflush(packageFile.get());
+    if (record.lastSample == 0) {
       status_channel::WriteFailure(driver->writeStream, status, CURLE_GOT_NOTHING);
       return false;
     }
     driver->result = Md5OfFile(kSecureUpdatePackagePath);
     status_channel::WriteComplete(driver->writeStream, status, driver->result);
-    if (next != nullptr) {
-      next->run();
-    } else {
-      LOG(INFO) << status << " is the last task, byebye";
-    }
+    RunNextTask(std::to_string(status) + " is the last task, byebye");
     return true;
   });
   SetCallback(OutcomeKey(CURLE_ABORTED_BY_CALLBACK), [this](DownloadStatus status) {

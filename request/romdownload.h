@@ -12,11 +12,12 @@
 #include <curl/curl.h>
 #include <stdint.h>
 
-#include <atomic>
 #include <memory>
+#include <optional>
 #include <string>
 
 #include "common/unique_file.h"
+#include "request/command_listener.h"
 #include "request/secure_event.h"
 
 // The progress callback's record of one transfer.
@@ -30,19 +31,17 @@ struct DownloadProgress {
   int64_t sampleTime = 0;    // steady clock of the last speed sample, in nanoseconds
 };
 
-// Raised to 42 by the command listener on "stop"; the progress callback returns it, so a
-// non-zero value aborts the transfer.
-extern std::atomic<int32_t> gStopFlag;
-
-// Returns once every command listener has seen the end of the command stream (or "stop"), so
-// that the stream can be closed under none of them.
-void WaitForCommandListeners();
+// Splits a redirect address into scheme (through "://"), host and path, each cut to what the
+// download's fixed buffers hold (16, 1024 and 524288 bytes with their terminating zero).
+URLWrapper SplitRedirect(const std::string& address);
 
 class RomDownload : public SecureEvent {
  public:
   RomDownload();
   ~RomDownload() override;
 
+  // Downloads until the package is complete, the front end stops it or the address cannot be
+  // resolved. Every retry and every redirect starts a new attempt from this loop.
   void run() override;
   std::string getDescriptor() override;
   int Executed(DownloadTask* driver) override;
@@ -53,18 +52,39 @@ class RomDownload : public SecureEvent {
   void releaseResource() override;
   OutcomeCallback handleCurlCode(CURLcode code) override;
 
-  // Serves the front end's commands for the running transfer until the end of the command
-  // stream or "stop"; runs on its own thread, started only when the front end can send commands.
-  void listen();
   // libcurl's transfer-info callback: progress and speed lines, and the stop flag.
   static int xferinfo(void* record, curl_off_t dltotal, curl_off_t dlnow, curl_off_t ultotal,
                       curl_off_t ulnow);
 
  private:
-  // Follows |redirect| by starting the download again on it.
-  void Restart(const std::string& redirect);
+  struct MultiCleanup {
+    void operator()(CURLM* multi) const { curl_multi_cleanup(multi); }
+  };
+
+  // One attempt: the address, the package size, name resolution and, from its callback, the
+  // transfer and its outcome.
+  void Attempt();
+  // Runs the transfer on this thread, applying the front end's pause and continue between
+  // libcurl's steps. Returns the transfer's CURLcode.
+  CURLcode Transfer();
+  // Applies a pause or continue that the command listener handed over, and answers it.
+  void ApplyCommand();
+  // Makes the redirect address the package address and schedules a new attempt on it.
+  void FollowRedirect();
+  // Releases this attempt's transfer and schedules a new attempt.
+  void ScheduleAttempt();
 
   UniqueFile packageFile;
   uint64_t expectedSize = 0;
   std::unique_ptr<DownloadProgress> progress;
+
+  // Drives the one easy handle, so that a command from the listener can wake the transfer.
+  std::unique_ptr<CURLM, MultiCleanup> multi_;
+  // Declared after the multi handle: the listener wakes it, so it ends first.
+  CommandListener listener_;
+  // Where the finished transfer was redirected to, until the next attempt starts there.
+  std::optional<URLWrapper> redirect_;
+  bool attemptAgain_ = false;
+  // Redirected transfers whose own completion is reported once the download has ended.
+  int completionsDue_ = 0;
 };

@@ -128,6 +128,8 @@ void SecureEvent::DnsResolveCallback(void*, int status, int, hostent* host) {
     return;
   } else {
     LOG(INFO) << "lookup h_name: " << host->h_name;
+    // Only this resolution's addresses count: an earlier host's are never connected to.
+    addresses.clear();
     for (char** address = host->h_addr_list; *address != nullptr; ++address) {
       char text[kAddressTextSize] = {};
       if (inet_ntop(host->h_addrtype, *address, text, sizeof(text)) != nullptr) {

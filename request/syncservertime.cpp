@@ -53,7 +53,12 @@ void SyncServerTime::run() {
 
 int SyncServerTime::PreExecuted() {
   headerFile.reset(fopen(kTimePath.c_str(), "w+"));
+  const int open_error = errno;
   LOG(DEBUG) << ">> SyncServerTime::PreExecuted, curl writedata=" << kTimePath;
+  if (!headerFile) {
+    LOG(ERROR) << "failed to open " << kTimePath << ": " << strerror(open_error);
+    return CURLE_WRITE_ERROR;
+  }
   AppendStandardHeaders();
   // A HEAD request: the header block is all that is wanted, and it goes into the file.
   return CurlOptions(curl)

@@ -3,19 +3,25 @@
  * SPDX-License-Identifier: Apache-2.0
  */
 
-// The second stage against a local package mirror: progress and speed, the front end's
-// commands, resume, retry and redirect.
+// The second stage against local package mirrors: progress and speed, the front end's commands,
+// resume, retry and redirect, and what a hostile or broken mirror or front end cannot do to it.
+// The front end here keeps its command pipe open until bundlerun has exited, as real ones do.
 
 #include <android-base/strings.h>
+#include <android-base/unique_fd.h>
+#include <arpa/inet.h>
 #include <gtest/gtest.h>
+#include <netinet/in.h>
 #include <signal.h>
 #include <stdlib.h>
+#include <sys/mount.h>
+#include <sys/socket.h>
 #include <sys/stat.h>
 #include <sys/wait.h>
+#include <unistd.h>
 
 #include <memory>
 #include <string>
-#include <thread>
 #include <vector>
 
 #include "bundlerun_child.h"
@@ -40,6 +46,12 @@ int64_t FileSize(const std::string& path) {
   return stat(path.c_str(), &st) == 0 ? st.st_size : -1;
 }
 
+size_t Count(const std::string& text, const std::string& what) {
+  size_t n = 0;
+  for (size_t at = text.find(what); at != std::string::npos; at = text.find(what, at + 1)) ++n;
+  return n;
+}
+
 std::vector<StatusRecord> Records(const std::string& status) {
   StatusParser parser;
   std::vector<StatusRecord> records = parser.Feed(status);
@@ -57,31 +69,50 @@ std::function<bool(const std::string&)> ReachedPercent(int percent) {
   };
 }
 
+// Returns a condition that holds once |line| has arrived |times| times.
+std::function<bool(const std::string&)> Received(const std::string& line, size_t times = 1) {
+  return [line, times](const std::string& status) { return Count(status, line) >= times; };
+}
+
+// Returns the value of |field| ("Threads", "VmStk") in /proc/|pid|/status.
+std::string ProcessStatus(pid_t pid, const std::string& field) {
+  for (const std::string& line :
+       android::base::Split(ReadFile("/proc/" + std::to_string(pid) + "/status"), "\n")) {
+    if (android::base::StartsWith(line, field + ":")) {
+      return android::base::Trim(line.substr(field.size() + 1));
+    }
+  }
+  return "(none)";
+}
+
 class DownloadTest : public harness::SandboxTest {
  protected:
   void SetUp() override {
     SandboxTest::SetUp();
-    UseFullDevice();
-    system("mkdir -p /tmp/harness/mirror/base/V2.0 /tmp/harness/mirror2/pkg");
+    ASSERT_EQ(0, system("mkdir -p /tmp/harness/mirror/base/V2.0 /tmp/download/LatestRom"));
     ASSERT_EQ(0, system("head -c 6291456 /dev/urandom > /tmp/harness/mirror/base/V2.0/rom.zip"));
     md5_ = harness::Md5Sum(std::string(kMirror) + kPackagePath);
-    WriteFile("/tmp/harness/answer.json",
-              R"({"LatestRom":{"version":"V2.0","filename":"rom.zip","filesize":"6M","md5":")" +
-                  md5_ +
-                  R"(","Validate":"v"},"CurrentRom":{"version":"V1"},
-                  "MirrorList":["http://mirror.yonda.example/base"]})");
+    // What the first stage leaves for the second: the package size and the ROM in use.
+    WriteFile("/tmp/download/LatestRom/filesize", std::to_string(kPackageSize));
+    ASSERT_EQ(0, symlink("/tmp/download/LatestRom", "/tmp/download/CurrentRom"));
   }
 
-  // Starts the server with |args| and runs the first stage, which lays the ROM out.
-  void Serve(const std::vector<std::string>& args) {
-    std::vector<std::string> all = {"--answer", "/tmp/harness/answer.json", "--packages", kMirror};
+  // Starts the package mirror with |args|.
+  void Serve(const std::vector<std::string>& args, const std::string& listen = "127.0.0.1:80") {
+    std::vector<std::string> all = {"--packages", kMirror};
     all.insert(all.end(), args.begin(), args.end());
     server_.reset();
-    server_ = std::make_unique<UpdateServer>(all);
+    server_ = std::make_unique<UpdateServer>(all, listen);
     ASSERT_TRUE(server_->ok());
-    auto first = StartStage("--first_stage");
-    Finish(*first);
-    ASSERT_EQ("0:s\n1:s\n2:s:0", first->status());
+  }
+
+  // Copies the package to |path| under a second mirror's directory |dir|.
+  static void CopyPackage(const std::string& dir, const std::string& path) {
+    const std::string to = dir + path;
+    ASSERT_EQ(
+        0,
+        system(
+            ("mkdir -p $(dirname " + to + ") && cp " + kMirror + kPackagePath + " " + to).c_str()));
   }
 
   std::unique_ptr<bundlerun_parent::Child> StartDownload(
@@ -89,7 +120,7 @@ class DownloadTest : public harness::SandboxTest {
     return StartStage("--second_stage", {"http://", host, kPackagePath});
   }
 
-  // Returns the package GETs the server received.
+  // Returns the package GETs the mirror received.
   std::vector<harness::Request> Gets() {
     std::vector<harness::Request> gets;
     for (const harness::Request& r : server_->requests()) {
@@ -126,35 +157,49 @@ TEST_F(DownloadTest, ReportsRisingPercentAndSpeedAndEndsWithTheDigest) {
   EXPECT_GE(last_percent, 95);
   EXPECT_GE(speeds, 1);
   EXPECT_EQ(md5_, harness::Md5Sum(kPackage));
-  EXPECT_EQ(kPackageSize, FileSize(kPackage));
   EXPECT_NE(std::string::npos, child->out().find("I:>> Totally 6291456 bytes downloaded\n"));
   ASSERT_EQ(1u, Gets().size());
   EXPECT_EQ("mirror.yonda.example", Gets()[0].host);
 }
 
-TEST_F(DownloadTest, PauseHaltsTheTransferUntilContinue) {
+TEST_F(DownloadTest, PauseHaltsTheFileAtTheAnswerUntilContinue) {
   Serve({"--rate", "1048576"});
   auto child = StartDownload();
   ASSERT_TRUE(child->WaitForStatus(ReachedPercent(10), 30s));
   ASSERT_TRUE(child->SendCommand("pause\n"));
-  ASSERT_TRUE(child->WaitForStatus(
-      [](const std::string& s) { return s.find("3:r:p\n") != std::string::npos; }, 10s));
-  // Bytes already read off the socket when the pause took hold may still be counted once.
-  for (int i = 0; i < 15; ++i) child->Pump(100ms);
+  ASSERT_TRUE(child->WaitForStatus(Received("3:r:p\n"), 10s));
+  // Paused means paused from the answer on: the file holds still and no percent follows.
   const int64_t paused_at = FileSize(kPackage);
   const size_t status_at = child->status().size();
   for (int i = 0; i < 15; ++i) child->Pump(100ms);
   EXPECT_EQ(paused_at, FileSize(kPackage));
-  EXPECT_EQ(std::string::npos, child->status().find(":p:", status_at)) << status_at << "\n"
-                                                                       << child->status();
+  EXPECT_EQ(std::string::npos, child->status().find(":p:", status_at)) << child->status();
 
   ASSERT_TRUE(child->SendCommand("c\n"));
   Finish(*child);
-  EXPECT_NE(std::string::npos, child->status().find("3:r:p\n", 0));
   EXPECT_NE(std::string::npos, child->status().find("3:r:c\n", status_at));
   EXPECT_TRUE(android::base::EndsWith(child->status(), "3:c:" + md5_ + "\n"));
   EXPECT_EQ(md5_, harness::Md5Sum(kPackage));
   EXPECT_NE(std::string::npos, child->out().find("E:---->receive command: pause\n"));
+}
+
+TEST_F(DownloadTest, EveryPauseAndContinueIsAnsweredAndThePackageStaysWhole) {
+  Serve({"--rate", "524288"});
+  auto child = StartDownload();
+  ASSERT_TRUE(child->WaitForStatus(ReachedPercent(1), 30s));
+  constexpr size_t kCycles = 2000;
+  for (size_t i = 1; i <= kCycles; ++i) {
+    for (const char* command : {"p", "c"}) {
+      const std::string answer = std::string("3:r:") + command + "\n";
+      ASSERT_TRUE(child->SendCommand(std::string(command) + "\n"));
+      ASSERT_TRUE(child->WaitForStatus(Received(answer, i), 10s)) << answer << " #" << i;
+    }
+  }
+  Finish(*child);
+  EXPECT_EQ(kCycles, Count(child->status(), "3:r:p\n"));
+  EXPECT_EQ(kCycles, Count(child->status(), "3:r:c\n"));
+  EXPECT_TRUE(android::base::EndsWith(child->status(), "3:c:" + md5_ + "\n"));
+  EXPECT_EQ(md5_, harness::Md5Sum(kPackage));
 }
 
 TEST_F(DownloadTest, StopEndsTheDownloadWithoutRetry) {
@@ -171,6 +216,27 @@ TEST_F(DownloadTest, StopEndsTheDownloadWithoutRetry) {
   EXPECT_NE(std::string::npos, child->out().find("W:RomDownload INVALID COMMAND: x\n"));
   EXPECT_NE(std::string::npos,
             child->out().find("E: CURLE_ABORTED_BY_CALLBACK lead to download stopped\n"));
+}
+
+TEST_F(DownloadTest, StageEndsOnItsOwnWhileTheFrontEndHoldsItsCommandPipe) {
+  struct Case {
+    const char* name;
+    bool empty_package;
+    std::string last_line;
+  } cases[] = {
+      {"complete", false, "3:c:" + md5_ + "\n"},
+      {"nothing received", true, "3:f:52\n"},
+  };
+  for (const Case& c : cases) {
+    SCOPED_TRACE(c.name);
+    unlink(kPackage);
+    if (c.empty_package) WriteFile(std::string(kMirror) + kPackagePath, "");
+    Serve({});
+    auto child = StartDownload();
+    const int status = child->WaitForExit(30s);
+    EXPECT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 0) << status << child->out();
+    EXPECT_TRUE(android::base::EndsWith(child->status(), c.last_line)) << child->status();
+  }
 }
 
 TEST_F(DownloadTest, PartialFileIsAppendedToAndCountedInThePercent) {
@@ -195,7 +261,7 @@ TEST_F(DownloadTest, DroppedConnectionIsReportedAndRetried) {
   auto child = StartDownload();
   Finish(*child);
   const std::string& status = child->status();
-  EXPECT_NE(std::string::npos, status.find("3:f:18\n")) << status;
+  EXPECT_EQ(5u, Count(status, "3:f:18\n")) << status;
   EXPECT_TRUE(android::base::EndsWith(status, "3:c:" + md5_ + "\n")) << status;
   EXPECT_EQ(md5_, harness::Md5Sum(kPackage));
   EXPECT_EQ(6u, Gets().size());
@@ -204,7 +270,7 @@ TEST_F(DownloadTest, DroppedConnectionIsReportedAndRetried) {
 }
 
 TEST_F(DownloadTest, RedirectStartsAgainOnTheNewHost) {
-  ASSERT_EQ(0, system("cp /tmp/harness/mirror/base/V2.0/rom.zip /tmp/harness/mirror2/pkg/rom.zip"));
+  CopyPackage("/tmp/harness/mirror2", "/pkg/rom.zip");
   Serve({"--redirect", std::string(kPackagePath) + "=http://mirror2.yonda.example/pkg/rom.zip",
          "--mirror", "mirror2.yonda.example=/tmp/harness/mirror2"});
   auto child = StartDownload();
@@ -214,11 +280,133 @@ TEST_F(DownloadTest, RedirectStartsAgainOnTheNewHost) {
   EXPECT_EQ("mirror.yonda.example" + std::string(kPackagePath), gets[0].host + gets[0].path);
   EXPECT_EQ("mirror2.yonda.example/pkg/rom.zip", gets[1].host + gets[1].path);
   EXPECT_EQ(md5_, harness::Md5Sum(kPackage));
-  // The restarted transfer completes, then the redirected one returns and completes too.
+  // The download on the new address completes, then the redirected transfer does.
   const std::string done = "3:c:" + md5_ + "\n";
   EXPECT_TRUE(android::base::EndsWith(child->status(), done + done)) << child->status();
-  EXPECT_NE(std::string::npos,
-            child->out().find("D:>> Redirected URL=http://mirror2.yonda.example/pkg/rom.zip\n"));
+  const std::string& out = child->out();
+  const size_t redirected =
+      out.find("D:>> Redirected URL=http://mirror2.yonda.example/pkg/rom.zip\n");
+  ASSERT_NE(std::string::npos, redirected);
+  EXPECT_NE(std::string::npos, out.find("I:>> RomDownload is running...\n", redirected));
+}
+
+// A redirect chain, 50 cut connections, and the front end sending pause, continue and junk every
+// millisecond until well after the end: the package is the mirror's, byte for byte.
+TEST_F(DownloadTest, CommandStormThroughDropsAndRedirectsLeavesTheSamePackage) {
+  CopyPackage("/tmp/harness/mirror3", "/final/rom.zip");
+  Serve({"--redirect", std::string(kPackagePath) + "=http://mirror2.yonda.example/pkg/rom.zip",
+         "--redirect", "/pkg/rom.zip=http://mirror3.yonda.example/final/rom.zip", "--mirror",
+         "mirror3.yonda.example=/tmp/harness/mirror3", "--drop-after", "65536", "--drop-times",
+         "50"});
+  auto child = StartDownload();
+  const char* commands[] = {"p\n", "c\n", "junk\n"};
+  for (size_t i = 0; child->SendCommand(commands[i % 3]) && child->running(); ++i) {
+    child->Pump(1ms);
+  }
+  Finish(*child);
+  const std::string done = "3:c:" + md5_ + "\n";
+  EXPECT_EQ(50u, Count(child->status(), "3:f:18\n")) << child->status();
+  EXPECT_TRUE(android::base::EndsWith(child->status(), done + done + done)) << child->status();
+  EXPECT_EQ(md5_, harness::Md5Sum(kPackage));
+  EXPECT_EQ(std::string::npos, child->err().find("Sanitizer")) << child->err();
+}
+
+// Every retry runs in the same frame on the same threads, however many there are.
+TEST_F(DownloadTest, RefusedConnectionsAreRetriedWithoutGrowingStackOrThreads) {
+  auto child = StartDownload();  // Nothing listens on the mirror's port.
+  size_t seen = 0, scanned = 0;
+  auto refused = [&](size_t times) {
+    return [&, times](const std::string& status) {
+      seen += Count(status.substr(scanned, status.rfind('\n') + 1 - scanned), "3:f:7\n");
+      scanned = status.rfind('\n') + 1;
+      return seen >= times;
+    };
+  };
+  ASSERT_TRUE(child->WaitForStatus(refused(20), 60s));
+  const std::string threads = ProcessStatus(child->pid(), "Threads");
+  const std::string stack = ProcessStatus(child->pid(), "VmStk");
+  ASSERT_TRUE(child->WaitForStatus(refused(20000), 600s)) << seen;
+  EXPECT_EQ(threads, ProcessStatus(child->pid(), "Threads"));
+  EXPECT_EQ(stack, ProcessStatus(child->pid(), "VmStk"));
+}
+
+// A mirror cannot make the download read local files or speak another protocol.
+TEST_F(DownloadTest, RedirectsAwayFromHttpFailAndAreRetried) {
+  for (const char* target : {"file:///dev/zero", "file:///etc/hostname", "dict://127.0.0.1/x"}) {
+    SCOPED_TRACE(target);
+    unlink(kPackage);
+    // The dictionary port, to see whether anything connects to it.
+    android::base::unique_fd dict(socket(AF_INET, SOCK_STREAM | SOCK_NONBLOCK | SOCK_CLOEXEC, 0));
+    sockaddr_in addr{};
+    addr.sin_family = AF_INET;
+    addr.sin_port = htons(2628);
+    addr.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+    const int one = 1;
+    setsockopt(dict.get(), SOL_SOCKET, SO_REUSEADDR, &one, sizeof(one));
+    ASSERT_EQ(0, bind(dict.get(), reinterpret_cast<sockaddr*>(&addr), sizeof(addr)));
+    ASSERT_EQ(0, listen(dict.get(), 8));
+    Serve({"--redirect", std::string(kPackagePath) + "=" + target});
+
+    auto child = StartDownload();
+    ASSERT_TRUE(child->WaitForStatus(Received("3:f:1\n", 5), 30s)) << child->status();
+    EXPECT_TRUE(child->running());
+    EXPECT_EQ(0, FileSize(kPackage));
+    EXPECT_EQ(-1, accept(dict.get(), nullptr, nullptr));
+    for (const harness::Request& r : server_->requests()) EXPECT_EQ(kPackagePath, r.path);
+  }
+}
+
+TEST_F(DownloadTest, RedirectedDownloadConnectsOnlyToTheNewHostsAddress) {
+  harness::BindHosts(
+      "127.0.0.1 localhost\n"
+      "127.0.0.2 mirror.yonda.example\n"
+      "127.0.0.3 mirror.yonda.example\n"
+      "127.0.0.4 mirror2.yonda.example\n");
+  CopyPackage("/tmp/harness/mirror2", "/pkg/rom.zip");
+  Serve({"--redirect", std::string(kPackagePath) + "=http://mirror2.yonda.example/pkg/rom.zip",
+         "--mirror", "mirror2.yonda.example=/tmp/harness/mirror2", "--drop-after", "1048576",
+         "--drop-times", "2"},
+        "0.0.0.0:80");
+  auto child = StartDownload();
+  Finish(*child);
+  std::vector<harness::Request> gets = Gets();
+  ASSERT_EQ(4u, gets.size());
+  EXPECT_EQ("127.0.0.2", gets[0].local);
+  for (size_t i = 1; i < gets.size(); ++i) {
+    EXPECT_EQ("mirror2.yonda.example", gets[i].host);
+    EXPECT_EQ("127.0.0.4", gets[i].local) << "connection " << i;
+  }
+  EXPECT_EQ(md5_, harness::Md5Sum(kPackage));
+}
+
+TEST_F(DownloadTest, UnwritablePackageFileIsAWriteErrorAndRetried) {
+  Serve({});
+  // A read-only view of /tmp over it (files held open for writing keep the tmpfs itself busy).
+  ASSERT_EQ(0, mount("/tmp", "/tmp", nullptr, MS_BIND, nullptr));
+  ASSERT_EQ(0, mount(nullptr, "/tmp", nullptr, MS_REMOUNT | MS_BIND | MS_RDONLY, nullptr));
+  auto child = StartDownload();
+  ASSERT_TRUE(child->WaitForStatus(Received("3:f:23\n", 5), 30s)) << child->status();
+  EXPECT_TRUE(child->running());
+  EXPECT_NE(std::string::npos, child->out().find("E:failed to open /tmp/secure_update.zip"));
+}
+
+// Descriptor numbers that are not open leave the status streams null: written to as nowhere.
+TEST_F(DownloadTest, StagesRunToTheirEndWithoutStatusStreams) {
+  UseFullDevice();
+  WriteFile("/tmp/harness/answer.json",
+            R"({"LatestRom":{"version":"V2.0","filename":"rom.zip","filesize":"6M","md5":"m",
+                "Validate":"v"},"CurrentRom":{"version":"V1"},
+                "MirrorList":["http://mirror.yonda.example/base"]})");
+  Serve({"--answer", "/tmp/harness/answer.json"});
+  auto first = StartRaw({"--run_from_fork", "--first_stage", "50", "51"});
+  Finish(*first);
+  EXPECT_NE(std::string::npos, first->out().find("I:this is the last task, byebye\n"));
+  unlink(kPackage);
+  auto second = StartRaw({"--run_from_fork", "--second_stage", "50", "51", "http://",
+                          "mirror.yonda.example", kPackagePath});
+  Finish(*second);
+  EXPECT_NE(std::string::npos, second->out().find("I:3 is the last task, byebye\n"));
+  EXPECT_EQ(md5_, harness::Md5Sum(kPackage));
 }
 
 TEST_F(DownloadTest, BrokenSizeFileEndsTheProcessBeforeAnyRequest) {

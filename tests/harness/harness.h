@@ -71,6 +71,7 @@ struct Request {
   std::string method;
   std::string path;
   std::string host;
+  std::string local;  // the address the connection arrived at
   std::vector<std::pair<std::string, std::string>> headers;
   std::string body;
   std::string query;  // the deciphered update query, for the update endpoint

@@ -68,6 +68,8 @@ std::unique_ptr<Child> Child::Spawn(const std::string& program, std::vector<std:
   std::unique_ptr<Child> child(new Child());
   unique_fd child_status, child_command, child_out, child_err;
   if (with_pipes) {
+    // A command sent after bundlerun has gone must fail, not end this process.
+    signal(SIGPIPE, SIG_IGN);
     if (!MakePipe(&child->status_, &child_status) || !MakePipe(&child_command, &child->command_)) {
       return nullptr;
     }
@@ -138,9 +140,6 @@ bool Child::Pump(std::chrono::milliseconds timeout, int wake_fd) {
   for (size_t i = 0; i < owners.size(); ++i) {
     if (fds[i].revents != 0) ReadFrom(*owners[i]->fd, *owners[i]->into);
   }
-  // When the status channel ends, stop sending commands: bundlerun's listeners then see the end
-  // of their stream and the process can close it.
-  if (!status_.ok() && !status_is_stdout_) command_.reset();
   return wake_fd >= 0 && fds.back().revents != 0;
 }
 
@@ -162,7 +161,6 @@ int Child::WaitForExit(std::chrono::milliseconds timeout) {
     if (left.count() <= 0) break;
     Pump(std::min(left, std::chrono::milliseconds(100)));
   }
-  command_.reset();
   while (!exited_) {
     pid_t rc = waitpid(pid_, &wait_status_, WNOHANG);
     if (rc == pid_) {
@@ -177,6 +175,7 @@ int Child::WaitForExit(std::chrono::milliseconds timeout) {
     }
     usleep(10000);
   }
+  command_.reset();
   return wait_status_;
 }
 

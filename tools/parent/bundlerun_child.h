@@ -44,15 +44,15 @@ class Child {
   pid_t pid() const { return pid_; }
 
   // Waits up to |timeout| for output and reads what is there. Returns true when |wake_fd| (if
-  // given) became readable. When the status channel reaches its end the command pipe is closed,
-  // so that bundlerun's command listeners end and it can close its side.
+  // given) became readable. The command pipe stays open until the process has exited, as a front
+  // end keeps it: bundlerun ends on its own.
   bool Pump(std::chrono::milliseconds timeout, int wake_fd = -1);
   // Pumps until |done| holds for the collected status bytes, or |timeout| passes, or all of
   // bundlerun's output has ended. Returns |done|'s last answer.
   bool WaitForStatus(const std::function<bool(const std::string&)>& done,
                      std::chrono::milliseconds timeout);
-  // Pumps until every output has ended and reaps the process. Returns the wait status, or -1
-  // when |timeout| passed (the process is then killed).
+  // Pumps until every output has ended, reaps the process and then closes the command pipe.
+  // Returns the wait status, or -1 when |timeout| passed (the process is then killed).
   int WaitForExit(std::chrono::milliseconds timeout);
 
   // Sends one command line to bundlerun's command listener. Returns false when it is gone.

@@ -74,13 +74,14 @@ uint64_t Mirror::ResumePosition(const std::string& file) {
 
 bool Mirror::ShouldDrop(const std::string& file) {
   std::lock_guard<std::mutex> guard(lock_);
-  return options_.drop_after != 0 && (options_.drop_always || dropped_.count(file) == 0);
+  if (options_.drop_after == 0) return false;
+  return options_.drop_times == 0 || dropped_[file] < options_.drop_times;
 }
 
 void Mirror::OnDropped(const std::string& file, uint64_t position) {
   std::lock_guard<std::mutex> guard(lock_);
   positions_[file] = position;
-  dropped_.insert(file);
+  ++dropped_[file];
 }
 
 void Mirror::OnCompleted(const std::string& file) {

@@ -13,7 +13,6 @@
 
 #include <map>
 #include <mutex>
-#include <set>
 #include <string>
 
 #include "options.h"
@@ -41,5 +40,5 @@ class Mirror {
   const ServerOptions& options_;
   std::mutex lock_;
   std::map<std::string, uint64_t> positions_;
-  std::set<std::string> dropped_;
+  std::map<std::string, uint64_t> dropped_;  // transfers cut so far, per file
 };

@@ -16,8 +16,9 @@ names here).
 
 General
   --listen ADDR:PORT     address to listen on (default 127.0.0.1:80)
-  --log FILE             append one JSON line per request received: method, path, host,
-                         headers, body, and for the update query the form and the clear query
+  --log FILE             append one JSON line per request received: method, path, host, the
+                         local address it arrived at, headers, body, and for the update query
+                         the form and the clear query
   --delay PATH=MS        wait MS milliseconds before answering requests for PATH ("*": every
                          path); repeatable
 
@@ -41,7 +42,8 @@ Package mirror: GET and HEAD of any other path
   --offset N             start package bodies at byte N, as if the device already held N bytes
   --drop-after N         close the connection after N bytes of a package body, once per file;
                          the next request of that file gets the rest of it
-  --drop-always          drop after N bytes on every request, not only the first
+  --drop-times K         cut the first K transfers of each file instead of only the first
+  --drop-always          cut every transfer of each file
   --redirect PATH=URL    answer GET and HEAD of PATH with 302, "Location: URL" and an empty body
                          (repeatable)
   --not-found PATH       answer PATH with 404 (repeatable)
@@ -76,12 +78,15 @@ bool ParseOptions(int argc, char** argv, ServerOptions* options, bool* help, std
       *help = true;
       return true;
     }
+    if (flag == "--drop-always") {
+      options->drop_times = 0;
+      continue;
+    }
     // Flags without a value.
     const std::pair<const char*, bool*> switches[] = {
         {"--no-date", &options->no_date},
         {"--frame", &options->frame},
         {"--break-base64", &options->break_base64},
-        {"--drop-always", &options->drop_always},
     };
     bool* set = nullptr;
     for (const auto& [name, target] : switches) {
@@ -127,6 +132,8 @@ bool ParseOptions(int argc, char** argv, ServerOptions* options, bool* help, std
       ok = ParseNumber(value, &options->offset);
     } else if (flag == "--drop-after") {
       ok = ParseNumber(value, &options->drop_after);
+    } else if (flag == "--drop-times") {
+      ok = ParseNumber(value, &options->drop_times) && options->drop_times > 0;
     } else if (flag == "--redirect") {
       ok = SplitPair(value, "=", &key, &rest);
       options->redirects[key] = rest;

@@ -36,7 +36,7 @@ struct ServerOptions {
   uint64_t rate = 0;                           // bytes per second; 0: unthrottled
   uint64_t offset = 0;
   uint64_t drop_after = 0;  // 0: never
-  bool drop_always = false;
+  uint64_t drop_times = 1;  // transfers of each file that are cut; 0: every one
   std::map<std::string, std::string> redirects;
   std::vector<std::string> not_found;
 };

@@ -35,6 +35,7 @@ void RequestLog::Append(const httplib::Request& request, const std::optional<std
   cJSON_AddStringToObject(entry.get(), "method", request.method.c_str());
   cJSON_AddStringToObject(entry.get(), "path", request.path.c_str());
   cJSON_AddStringToObject(entry.get(), "host", request.get_header_value("Host").c_str());
+  cJSON_AddStringToObject(entry.get(), "local", request.local_addr.c_str());
   cJSON* headers = cJSON_AddArrayToObject(entry.get(), "headers");
   for (const auto& [name, value] : request.headers) {
     if (IsPseudoHeader(name)) continue;
