@@ -9,13 +9,15 @@
 
 #include <android-base/logging.h>
 #include <errno.h>
+#include <fcntl.h>
 #include <stdio.h>
 #include <string.h>
+#include <sys/stat.h>
+#include <unistd.h>
 
 #include <chrono>
 #include <string>
 
-#include "common/file_digest.h"
 #include "common/paths.h"
 #include "request/download_task.h"
 #include "yonda_resolver.h"
@@ -32,6 +34,11 @@ constexpr size_t kPathSize = 524288;
 constexpr char kAllowedProtocols[] = "http,https";
 // Longest wait for the socket before libcurl's own timers are looked at again.
 constexpr int kPollTimeoutMs = 1000;
+// libcurl's receive buffer: a multi-gigabyte package arrives in fewer, larger pieces.
+constexpr long kReceiveBufferSize = 512 * 1024;
+// How far the digest may fall behind the file. A mirror faster than the digest is slowed to its
+// pace, so that the completion line follows the last byte at once.
+constexpr uint64_t kMaxDigestLag = 4 * 1024 * 1024;
 
 int64_t SteadyNanos() {
   return std::chrono::duration_cast<std::chrono::nanoseconds>(
@@ -83,7 +90,9 @@ URLWrapper SplitRedirect(const std::string& address) {
 }
 
 RomDownload::RomDownload()
-    : multi_(curl_multi_init()), listener_([this] { curl_multi_wakeup(multi_.get()); }) {
+    : digest_(kSecureUpdatePackagePath),
+      multi_(curl_multi_init()),
+      listener_([this] { curl_multi_wakeup(multi_.get()); }) {
   EventWrapper<RomDownload>::Attach(this);
   InitCbmap();
 }
@@ -131,25 +140,30 @@ int RomDownload::Executed(DownloadTask* task_driver) {
 }
 
 int RomDownload::PreExecuted() {
-  packageFile.reset(fopen(kSecureUpdatePackagePath.c_str(), "a"));
+  packageFile.reset(TEMP_FAILURE_RETRY(
+      open(kSecureUpdatePackagePath.c_str(), O_WRONLY | O_CREAT | O_APPEND | O_CLOEXEC, 0666)));
   const int open_error = errno;
   LOG(DEBUG) << ">> RomDownload::PreExecuted, updatefile=" << kSecureUpdatePackagePath;
   // Only a front end that started the stage with pipes sends commands.
   if (driver->forked && gStatusReadStream != nullptr) listener_.Start(fileno(gStatusReadStream));
-  if (!packageFile) {
+  struct stat held;
+  if (!packageFile.ok() || fstat(packageFile.get(), &held) != 0) {
     LOG(ERROR) << "failed to open " << kSecureUpdatePackagePath << ": " << strerror(open_error);
     return CURLE_WRITE_ERROR;
   }
   // What an earlier attempt left stays; the new body is appended after it.
-  int64_t resume_offset = 0;
-  if (fseeko(packageFile.get(), 0, SEEK_END) == 0) resume_offset = ftello(packageFile.get());
+  const int64_t resume_offset = held.st_size;
+  packageSize_ = held.st_size;
+  digest_.Grew(packageSize_);
 
   CURLcode code = CurlOptions(curl)
                       .Set(CURLOPT_ERRORBUFFER, errorBuffer)
                       .Set(CURLOPT_HTTPHEADER, headers)
                       .Set(CURLOPT_HEADER, 0L)
                       .Set(CURLOPT_TCP_KEEPALIVE, 1L)
-                      .Set(CURLOPT_WRITEDATA, packageFile.get())
+                      .Set(CURLOPT_WRITEFUNCTION, &RomDownload::WritePackage)
+                      .Set(CURLOPT_WRITEDATA, this)
+                      .Set(CURLOPT_BUFFERSIZE, kReceiveBufferSize)
                       .Set(CURLOPT_SSL_VERIFYPEER, 0L)
                       .Set(CURLOPT_SSL_VERIFYHOST, 0L)
                       .Set(CURLOPT_PROTOCOLS_STR, kAllowedProtocols)
@@ -160,7 +174,6 @@ int RomDownload::PreExecuted() {
   progress = std::make_unique<DownloadProgress>();
   progress->totalSize = static_cast<int64_t>(expectedSize);
   progress->resumeOffset = resume_offset;
-  progress->stream = packageFile.get();
   progress->sampleTime = SteadyNanos();
   return CurlOptions(curl)
       .Set(CURLOPT_XFERINFOFUNCTION, &RomDownload::xferinfo)
@@ -176,10 +189,8 @@ int RomDownload::xferinfo(void* record, curl_off_t, curl_off_t dlnow, curl_off_t
   if (previous_sample == dlnow) return gStopFlag;
 
   const int64_t current = state->resumeOffset + dlnow;
-  if (current == state->totalSize) {
-    fflush(state->stream);
-    return 0;
-  }
+  // Every byte is in the file as soon as it arrives; at the whole size there is nothing to say.
+  if (current == state->totalSize) return 0;
 
   // Whole percents only, each written once as it is reached.
   const int64_t hundredth = state->totalSize / 100;
@@ -201,6 +212,22 @@ int RomDownload::xferinfo(void* record, curl_off_t, curl_off_t dlnow, curl_off_t
     state->lastSample = current;
   }
   return gStopFlag;
+}
+
+size_t RomDownload::WritePackage(char* data, size_t size, size_t count, void* task) {
+  auto* self = static_cast<RomDownload*>(task);
+  const size_t length = size * count;
+  size_t written = 0;
+  while (written < length) {
+    const ssize_t n =
+        TEMP_FAILURE_RETRY(write(self->packageFile.get(), data + written, length - written));
+    if (n <= 0) break;
+    written += n;
+  }
+  self->packageSize_ += written;
+  self->digest_.Grew(self->packageSize_);
+  self->digest_.WaitUntilBehindBy(kMaxDigestLag);
+  return written;
 }
 
 int RomDownload::OnExecuted() {
@@ -251,8 +278,6 @@ void RomDownload::ApplyCommand() {
   switch (listener_.Take()) {
     case 'p':
       if (curl_easy_pause(curl, CURLPAUSE_RECV) == CURLE_OK) {
-        // What has arrived is in the file before the front end hears that the download paused.
-        fflush(packageFile.get());
         status_channel::WriteAcknowledge(driver->writeStream, ROM_DOWNLOAD, 'p');
       }
       break;
@@ -316,12 +341,11 @@ void RomDownload::InitCbmap() {
                << ", filetotalsize=" << record.totalSize;
     record.lastSample = record.lastNow + record.resumeOffset;
     LOG(INFO) << ">> Totally " << record.lastSample << " bytes downloaded";
-    if (packageFile) fflush(packageFile.get());
     if (record.lastSample == 0) {
       status_channel::WriteFailure(driver->writeStream, status, CURLE_GOT_NOTHING);
       return false;
     }
-    driver->result = Md5OfFile(kSecureUpdatePackagePath);
+    driver->result = digest_.Hex();
     status_channel::WriteComplete(driver->writeStream, status, driver->result);
     RunNextTask(std::to_string(status) + " is the last task, byebye");
     return true;
@@ -344,7 +368,7 @@ void RomDownload::InitCbmap() {
 
 void RomDownload::releaseResource() {
   SecureEvent::releaseResource();
-  packageFile.reset();  // Flushes and closes.
+  packageFile.reset();
   progress.reset();
   gStopFlag = 0;
 }

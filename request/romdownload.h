@@ -9,6 +9,7 @@
 
 #pragma once
 
+#include <android-base/unique_fd.h>
 #include <curl/curl.h>
 #include <stdint.h>
 
@@ -16,7 +17,7 @@
 #include <optional>
 #include <string>
 
-#include "common/unique_file.h"
+#include "common/package_digest.h"
 #include "request/command_listener.h"
 #include "request/secure_event.h"
 
@@ -27,7 +28,6 @@ struct DownloadProgress {
   int64_t lastNow = 0;       // lastchunk: bytes of this transfer at the latest call
   int64_t lastSample = 0;    // lastsize: absolute bytes at the last speed sample
   int64_t resumeOffset = 0;  // lastresume: what the package file held when the transfer began
-  FILE* stream = nullptr;    // the package file (not owned)
   int64_t sampleTime = 0;    // steady clock of the last speed sample, in nanoseconds
 };
 
@@ -55,6 +55,9 @@ class RomDownload : public SecureEvent {
   // libcurl's transfer-info callback: progress and speed lines, and the stop flag.
   static int xferinfo(void* record, curl_off_t dltotal, curl_off_t dlnow, curl_off_t ultotal,
                       curl_off_t ulnow);
+  // libcurl's write callback: appends the body to the package file and hands it to the digest.
+  // Returns the bytes written; fewer than given fails the transfer with a write error.
+  static size_t WritePackage(char* data, size_t size, size_t count, void* task);
 
  private:
   struct MultiCleanup {
@@ -74,10 +77,14 @@ class RomDownload : public SecureEvent {
   // Releases this attempt's transfer and schedules a new attempt.
   void ScheduleAttempt();
 
-  UniqueFile packageFile;
+  // The package file, opened for appending; written straight from libcurl's buffer.
+  android::base::unique_fd packageFile;
+  uint64_t packageSize_ = 0;
   uint64_t expectedSize = 0;
   std::unique_ptr<DownloadProgress> progress;
 
+  // Follows the package file across every attempt of this download.
+  PackageDigest digest_;
   // Drives the one easy handle, so that a command from the listener can wake the transfer.
   std::unique_ptr<CURLM, MultiCleanup> multi_;
   // Declared after the multi handle: the listener wakes it, so it ends first.

@@ -12,6 +12,8 @@
 #include <signal.h>
 #include <spawn.h>
 #include <string.h>
+#include <sys/resource.h>
+#include <sys/syscall.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -161,19 +163,18 @@ int Child::WaitForExit(std::chrono::milliseconds timeout) {
     if (left.count() <= 0) break;
     Pump(std::min(left, std::chrono::milliseconds(100)));
   }
-  while (!exited_) {
-    pid_t rc = waitpid(pid_, &wait_status_, WNOHANG);
-    if (rc == pid_) {
-      exited_ = true;
-      break;
-    }
-    if (Clock::now() >= deadline) {
-      kill(pid_, SIGKILL);
-      waitpid(pid_, &wait_status_, 0);
-      exited_ = true;
-      return -1;
-    }
-    usleep(10000);
+  if (!exited_) {
+    // The process is awaited through a descriptor that becomes readable when it exits.
+    unique_fd process(static_cast<int>(syscall(SYS_pidfd_open, pid_, 0)));
+    auto left = std::chrono::duration_cast<std::chrono::milliseconds>(deadline - Clock::now());
+    pollfd exited = {process.get(), POLLIN, 0};
+    const bool timed_out =
+        process.ok() &&
+        (left.count() <= 0 || TEMP_FAILURE_RETRY(poll(&exited, 1, left.count())) == 0);
+    if (timed_out) kill(pid_, SIGKILL);
+    TEMP_FAILURE_RETRY(wait4(pid_, &wait_status_, 0, &usage_));
+    exited_ = true;
+    if (timed_out) return -1;
   }
   command_.reset();
   return wait_status_;

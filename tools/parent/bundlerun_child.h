@@ -9,6 +9,7 @@
 #pragma once
 
 #include <android-base/unique_fd.h>
+#include <sys/resource.h>
 #include <sys/types.h>
 
 #include <chrono>
@@ -68,6 +69,8 @@ class Child {
   bool running() const { return status_.ok() || out_.ok() || err_.ok(); }
   bool exited() const { return exited_; }
   int wait_status() const { return wait_status_; }
+  // The resources the process used, once WaitForExit has reaped it.
+  const rusage& usage() const { return usage_; }
 
  private:
   Child() = default;
@@ -78,6 +81,7 @@ class Child {
   pid_t pid_ = -1;
   bool exited_ = false;
   int wait_status_ = 0;
+  rusage usage_{};
   android::base::unique_fd status_;
   android::base::unique_fd command_;
   android::base::unique_fd out_;
