@@ -33,8 +33,9 @@ std::string Duration(uint64_t seconds, bool known) {
                       static_cast<unsigned long long>(seconds % 60));
 }
 
-// Returns the time left at |view|'s speed.
+// Returns the time left at |view|'s speed; none once the whole package is there.
 std::string TimeLeft(const DownloadView& view) {
+  if (view.total > 0 && view.bytes >= view.total) return Duration(0, true);
   bool known = view.speed > 0 && view.total >= view.bytes;
   return Duration(known ? (view.total - view.bytes) / view.speed : 0, known);
 }

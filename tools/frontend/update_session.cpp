@@ -247,6 +247,19 @@ int UpdateSession::StageTwo(const RomDescription& rom, const PackageAddress& add
   bool stop_sent = false;
   DownloadView view;
   view.total = rom.size.value_or(0);
+  // Until bundlerun's first speed line (a second into the transfer, or never for a fast mirror)
+  // the speed is the package file's growth since the stage began.
+  bool speed_reported = false;
+  const uint64_t held_bytes = FileSize(package_path_);
+  const auto began = std::chrono::steady_clock::now();
+  auto observe = [&] {
+    view.bytes = FileSize(package_path_);
+    const double seconds =
+        std::chrono::duration<double>(std::chrono::steady_clock::now() - began).count();
+    if (!speed_reported && seconds > 0 && view.bytes > held_bytes) {
+      view.speed = static_cast<uint64_t>((view.bytes - held_bytes) / seconds);
+    }
+  };
   std::string completed;
   bool stopped = false;
 
@@ -263,6 +276,7 @@ int UpdateSession::StageTwo(const RomDescription& rom, const PackageAddress& add
         view.percent = atoi(r.payload.c_str());
       } else if (r.letter == 's') {
         view.speed = strtoull(r.payload.c_str(), nullptr, 10);
+        speed_reported = true;
       } else if (r.letter == 'r') {
         if (r.payload == "p") view.state = "paused";
         if (r.payload == "c") view.state = "downloading";
@@ -294,11 +308,11 @@ int UpdateSession::StageTwo(const RomDescription& rom, const PackageAddress& add
     if (g_interrupted && !stop_sent) send('s');
     apply(Drain(*child));
     if (options_.stop_at >= 0 && view.percent >= options_.stop_at && !stop_sent) send('s');
-    view.bytes = FileSize(package_path_);
+    observe();
     display_.Progress(view);
   }
   apply(Finish(*child));
-  view.bytes = FileSize(package_path_);
+  observe();
   display_.Progress(view);
   display_.EndProgress();
 

@@ -29,7 +29,8 @@ struct Transfer {
   uint64_t length = 0;   // bytes announced in Content-Length
   uint64_t drop_at = 0;  // bytes after which the connection is cut; 0: never
   uint64_t rate = 0;     // bytes per second; 0: unthrottled
-  std::chrono::steady_clock::time_point began = std::chrono::steady_clock::now();
+  // When the next chunk of a throttled body is due.
+  std::chrono::steady_clock::time_point due = std::chrono::steady_clock::now();
   ~Transfer() {
     if (fd >= 0) close(fd);
   }
@@ -48,8 +49,10 @@ struct Transfer {
     ssize_t n = pread(fd, buffer.data(), chunk, start + offset);
     if (n <= 0 || !sink.write(buffer.data(), n)) return false;
     if (rate != 0) {
-      // Keep the average rate since the body began.
-      auto due = began + std::chrono::microseconds((offset + n) * 1000000 / rate);
+      // Each chunk is paced from the one before; time the device spent not reading (a pause)
+      // is not made up for with a burst.
+      due = std::max(due + std::chrono::microseconds(n * 1000000 / rate),
+                     std::chrono::steady_clock::now());
       std::this_thread::sleep_until(due);
     }
     if (offset + n == length) mirror->OnCompleted(file);
