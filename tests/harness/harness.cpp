@@ -135,6 +135,10 @@ UpdateServer::UpdateServer(const std::vector<std::string>& args, const std::stri
   ok_ = process_->WaitForPort(80);
 }
 
+void UpdateServer::Unthrottle() {
+  kill(process_->pid(), SIGUSR1);
+}
+
 std::vector<Request> UpdateServer::requests() const {
   std::vector<Request> requests;
   for (const std::string& line : android::base::Split(ReadFile(kRequestLog), "\n")) {

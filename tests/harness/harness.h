@@ -86,6 +86,8 @@ class UpdateServer {
   explicit UpdateServer(const std::vector<std::string>& args,
                         const std::string& listen = "127.0.0.1:80");
   bool ok() const { return ok_; }
+  // Serves every package body unthrottled from now on, those under way included.
+  void Unthrottle();
   // Every request received so far, in order.
   std::vector<Request> requests() const;
 

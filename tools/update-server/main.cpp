@@ -57,10 +57,11 @@ std::string ShapeAnswer(const ServerOptions& options, const std::string& answer)
   return text;
 }
 
-// Waits for SIGINT or SIGTERM (blocked in every thread) and stops the server.
-void StopOnSignal(httplib::Server* server, sigset_t signals) {
+// Waits for the signals blocked in every thread: SIGUSR1 lifts the throttle, SIGINT and SIGTERM
+// stop the server.
+void HandleSignals(httplib::Server* server, Mirror* mirror, sigset_t signals) {
   int received = 0;
-  sigwait(&signals, &received);
+  while (sigwait(&signals, &received) == 0 && received == SIGUSR1) mirror->Unthrottle();
   server->stop();
 }
 
@@ -92,6 +93,7 @@ int main(int argc, char** argv) {
   sigemptyset(&stop_signals);
   sigaddset(&stop_signals, SIGINT);
   sigaddset(&stop_signals, SIGTERM);
+  sigaddset(&stop_signals, SIGUSR1);
   pthread_sigmask(SIG_BLOCK, &stop_signals, nullptr);
   signal(SIGPIPE, SIG_IGN);
 
@@ -154,7 +156,7 @@ int main(int argc, char** argv) {
             options.address.c_str(), options.port, strerror(errno));
     return 1;
   }
-  std::thread stopper(StopOnSignal, &server, stop_signals);
+  std::thread stopper(HandleSignals, &server, &mirror, stop_signals);
   stopper.detach();
   server.listen_after_bind();
   return 0;

@@ -28,7 +28,6 @@ struct Transfer {
   uint64_t start = 0;    // resume position the body starts at
   uint64_t length = 0;   // bytes announced in Content-Length
   uint64_t drop_at = 0;  // bytes after which the connection is cut; 0: never
-  uint64_t rate = 0;     // bytes per second; 0: unthrottled
   // When the next chunk of a throttled body is due.
   std::chrono::steady_clock::time_point due = std::chrono::steady_clock::now();
   ~Transfer() {
@@ -41,6 +40,7 @@ struct Transfer {
       mirror->OnDropped(file, start + drop_at);
       return false;
     }
+    const uint64_t rate = mirror->rate();
     size_t chunk = kMaxChunk;
     if (rate != 0) chunk = std::clamp<size_t>(rate / 20, kMinThrottledChunk, kMaxChunk);
     chunk = std::min<uint64_t>(chunk, length - offset);
@@ -125,7 +125,6 @@ void Mirror::Serve(const httplib::Request& request, httplib::Response& response)
   transfer->file = file;
   transfer->start = std::min(ResumePosition(file), size);
   transfer->length = size - transfer->start;
-  transfer->rate = options_.rate;
   if (request.method == "GET" && ShouldDrop(file) && transfer->length > options_.drop_after) {
     transfer->drop_at = options_.drop_after;
   }

@@ -11,6 +11,7 @@
 #include <httplib.h>
 #include <stdint.h>
 
+#include <atomic>
 #include <map>
 #include <mutex>
 #include <string>
@@ -19,7 +20,7 @@
 
 class Mirror {
  public:
-  explicit Mirror(const ServerOptions& options) : options_(options) {}
+  explicit Mirror(const ServerOptions& options) : options_(options), rate_(options.rate) {}
 
   // Answers a GET or HEAD of a package path.
   void Serve(const httplib::Request& request, httplib::Response& response);
@@ -28,6 +29,11 @@ class Mirror {
   void OnDropped(const std::string& file, uint64_t position);
   // Called by a transfer that sent |file| to its end.
   void OnCompleted(const std::string& file);
+
+  // Bytes per second of every package body, those under way included; 0: unthrottled.
+  uint64_t rate() const { return rate_; }
+  // Serves every body unthrottled from now on.
+  void Unthrottle() { rate_ = 0; }
 
  private:
   // Returns the directory that serves |host|, or an empty string.
@@ -41,4 +47,5 @@ class Mirror {
   std::mutex lock_;
   std::map<std::string, uint64_t> positions_;
   std::map<std::string, uint64_t> dropped_;  // transfers cut so far, per file
+  std::atomic<uint64_t> rate_;
 };

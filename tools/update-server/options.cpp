@@ -39,7 +39,8 @@ Package mirror: GET and HEAD of any other path
   --packages DIR         serve the file DIR/<path> (HEAD gives its Content-Length and no body)
   --mirror HOST=DIR      serve requests whose Host header is HOST from DIR instead (repeatable)
   --rate BYTES           send package bodies at BYTES bytes per second, chunk by chunk (time a
-                         device spends paused is not made up for with a burst)
+                         device spends paused is not made up for with a burst); SIGUSR1 lifts
+                         the throttle, also for bodies under way
   --offset N             start package bodies at byte N, as if the device already held N bytes
   --drop-after N         close the connection after N bytes of a package body, once per file;
                          the next request of that file gets the rest of it
