@@ -140,8 +140,9 @@ bool WaitForScreen(const std::string& text, std::chrono::seconds timeout) {
 
 TEST_F(FrontendTest, TerminalModeShowsTheBarAndObeysKeys) {
   Serve(24, {"--rate", "3145728"});
-  const std::string command = std::string("tmux new-session -d -s ui -x 130 -y 45 '") + UI_BIN +
-                              " --log " + kUiLog + "; echo EXIT:$?; sleep 600'";
+  const std::string command = std::string("tmux new-session -d -s ui -x 130 -y 45 '") +
+                              harness::ShellProgram(UI_BIN) + " --log " + kUiLog +
+                              "; echo EXIT:$?; sleep 600'";
   ASSERT_EQ(0, system(command.c_str()));
   // The bar is up once its key hint shows.
   ASSERT_TRUE(WaitForScreen("[p]ause [c]ontinue [s]top", 60s)) << Screen();

@@ -78,6 +78,12 @@ void PropertyFile::Write() const {
   WriteFile(path_, text);
 }
 
+std::string ShellProgram(const std::string& program) {
+  const char* emulator = getenv(bundlerun_parent::kEmulatorVariable);
+  return emulator != nullptr && emulator[0] != '\0' ? std::string(emulator) + " " + program
+                                                    : program;
+}
+
 void BindHosts(const std::string& content) {
   mkdir(kHarnessDir, 0755);
   std::string path = std::string(kHarnessDir) + "/hosts";

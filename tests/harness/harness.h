@@ -50,6 +50,10 @@ class PropertyFile {
   std::map<std::string, std::string> values_;
 };
 
+// Returns |program| as the start of a shell command: behind the emulator that the parent library
+// starts programs through, when the build runs emulated.
+std::string ShellProgram(const std::string& program);
+
 // Replaces /etc/hosts of this sandbox with |content|.
 void BindHosts(const std::string& content);
 

@@ -6,6 +6,7 @@
 // bundlerun-ui: a terminal front end that plays the update boot environment's screen owner, so
 // that a whole update can be watched and steered on a desk.
 
+#include <android-base/file.h>
 #include <android-base/parseint.h>
 #include <stdio.h>
 #include <stdlib.h>
@@ -25,7 +26,8 @@ Runs a whole update the way the boot environment's front end does: stage one (se
 update query, package probe), the offered ROM, stage two (the download, with p to pause, c to
 continue and s to stop), the integrity check against the ROM's md5, and the installer.
 
-  --bundlerun PATH   the bundlerun executable (default: the one built beside this program)
+  --bundlerun PATH   the bundlerun executable (default: the one installed beside this
+                     program, else the one built with it)
   --log FILE         where bundlerun's log lines go (default /tmp/bundlerun-ui.log)
   --verbose          show bundlerun's log lines below the events too
   --plain            one plain line per event, even on a terminal (the default without one)
@@ -38,6 +40,13 @@ same letters may come on standard input, one per line.
 Exit status: 0 installed (or no ROM offered), 1 a stage failed, 2 the package does not match
 the ROM's md5, 3 the installer could not run, 4 the download was stopped, 64 bad usage.
 )";
+
+// Returns the bundlerun installed in this program's directory, or else the one of the build tree
+// this program was built in.
+std::string DefaultBundlerun() {
+  const std::string beside = android::base::GetExecutableDirectory() + "/bundlerun";
+  return access(beside.c_str(), X_OK) == 0 ? beside : BUNDLERUN_BIN;
+}
 
 // Parses the command line; returns false on a usage error.
 bool ParseArguments(int argc, char** argv, UiOptions* options, bool* plain, bool* help) {
@@ -69,7 +78,7 @@ bool ParseArguments(int argc, char** argv, UiOptions* options, bool* plain, bool
 
 int main(int argc, char** argv) {
   UiOptions options;
-  options.bundlerun = BUNDLERUN_BIN;
+  options.bundlerun = DefaultBundlerun();
   options.log_path = "/tmp/bundlerun-ui.log";
   bool plain = false;
   bool help = false;

@@ -11,6 +11,7 @@
 #include <poll.h>
 #include <signal.h>
 #include <spawn.h>
+#include <stdlib.h>
 #include <string.h>
 #include <sys/resource.h>
 #include <sys/syscall.h>
@@ -90,6 +91,12 @@ std::unique_ptr<Child> Child::Spawn(const std::string& program, std::vector<std:
   posix_spawn_file_actions_adddup2(&actions, child_err.get(), STDERR_FILENO);
 
   std::vector<std::string> argv_strings = {program};
+  // A desk that runs a build for another architecture starts its programs through the
+  // user-mode emulator named in BUNDLERUN_EMULATOR.
+  const char* emulator = getenv(kEmulatorVariable);
+  if (emulator != nullptr && emulator[0] != '\0') {
+    argv_strings.insert(argv_strings.begin(), emulator);
+  }
   argv_strings.insert(argv_strings.end(), args.begin(), args.end());
   std::vector<std::string> env_strings;
   for (char** e = environ; *e != nullptr; ++e) env_strings.emplace_back(*e);
@@ -97,7 +104,7 @@ std::unique_ptr<Child> Child::Spawn(const std::string& program, std::vector<std:
   std::vector<char*> argv = ToArgv(argv_strings);
   std::vector<char*> envp = ToArgv(env_strings);
 
-  int rc = posix_spawn(&child->pid_, program.c_str(), &actions, nullptr, argv.data(), envp.data());
+  int rc = posix_spawn(&child->pid_, argv[0], &actions, nullptr, argv.data(), envp.data());
   posix_spawn_file_actions_destroy(&actions);
   if (rc != 0) {
     errno = rc;

@@ -20,6 +20,10 @@
 
 namespace bundlerun_parent {
 
+// The environment variable that names a user-mode emulator (such as qemu-aarch64-static) through
+// which every program is started, when the desk runs a build for another architecture.
+constexpr char kEmulatorVariable[] = "BUNDLERUN_EMULATOR";
+
 class Child {
  public:
   // Extra environment entries, "NAME=value", added to the parent's environment.
