@@ -32,6 +32,14 @@ void Drain(int event_fd) {
   TEMP_FAILURE_RETRY(read(event_fd, &count, sizeof(count)));
 }
 
+// Cuts |line| at its line feed or at a zero byte, whichever comes first, as the C string that
+// fgets leaves would read; a line with neither is kept whole.
+std::string CutAtEnd(std::string line) {
+  const size_t end = line.find_first_of(std::string_view("\n\0", 2));
+  if (end != std::string::npos) line.resize(end);
+  return line;
+}
+
 }  // namespace
 
 void CommandLineSplitter::Append(std::string_view bytes) {
@@ -51,16 +59,14 @@ std::optional<std::string> CommandLineSplitter::Next() {
   }
   std::string line = pending_.substr(0, length);
   pending_.erase(0, length);
-  line.resize(std::min(line.find('\n'), line.find('\0')));
-  return line;
+  return CutAtEnd(std::move(line));
 }
 
 std::optional<std::string> CommandLineSplitter::Finish() {
   if (pending_.empty()) return std::nullopt;
   std::string line = std::move(pending_);
   pending_.clear();
-  line.resize(std::min(line.find('\n'), line.find('\0')));
-  return line;
+  return CutAtEnd(std::move(line));
 }
 
 CommandListener::CommandListener(std::function<void()> wake)
