@@ -26,6 +26,26 @@ constexpr size_t kHeaderNameLength = 6;
 
 }  // namespace
 
+timeval ReadServerDate(FILE* headers) {
+  // Without a Date line the clock goes to the epoch; the boot environment accepts that.
+  timeval now = {0, 0};
+  rewind(headers);
+  char* line = nullptr;
+  size_t capacity = 0;
+  while (getline(&line, &capacity, headers) != -1) {
+    puts(line);
+    // The last header line that mentions "Date" anywhere wins.
+    if (strstr(line, "Date") != nullptr) {
+      LOG(DEBUG) << ">> Synchronized the server date: " << line;
+      const char* date = strlen(line) >= kHeaderNameLength ? line + kHeaderNameLength : "";
+      now.tv_sec = curl_getdate(date, nullptr);
+      now.tv_usec = 0;
+    }
+  }
+  free(line);
+  return now;
+}
+
 SyncServerTime::SyncServerTime() {
   EventWrapper<SyncServerTime>::Attach(this);
 }
@@ -80,23 +100,7 @@ int SyncServerTime::OnExecuted() {
 
 int SyncServerTime::PostExecuted() {
   LOG(DEBUG) << ">> SyncServerTime::PostExecuted";
-  // Without a Date line the clock goes to the epoch; the boot environment accepts that.
-  timeval now = {0, 0};
-  rewind(headerFile.get());
-  char* line = nullptr;
-  size_t capacity = 0;
-  while (getline(&line, &capacity, headerFile.get()) != -1) {
-    puts(line);
-    // The last header line that mentions "Date" anywhere wins.
-    if (strstr(line, "Date") != nullptr) {
-      LOG(DEBUG) << ">> Synchronized the server date: " << line;
-      const char* date = strlen(line) >= kHeaderNameLength ? line + kHeaderNameLength : "";
-      now.tv_sec = curl_getdate(date, nullptr);
-      now.tv_usec = 0;
-    }
-  }
-  free(line);
-
+  timeval now = ReadServerDate(headerFile.get());
   int result = settimeofday(&now, nullptr);
   printf("%ld %ld ", static_cast<long>(now.tv_sec), static_cast<long>(now.tv_usec));
   if (result == 0) {

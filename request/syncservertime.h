@@ -8,10 +8,18 @@
 
 #pragma once
 
+#include <stdio.h>
+#include <sys/time.h>
+
 #include <string>
 
 #include "common/unique_file.h"
 #include "request/secure_event.h"
+
+// Reads the response header block in |headers| from its start, echoing each line to standard
+// output, and returns the time of the last line that mentions "Date": the epoch when none does,
+// -1 seconds when its date does not parse.
+timeval ReadServerDate(FILE* headers);
 
 class SyncServerTime : public SecureEvent {
  public:
