@@ -47,7 +47,9 @@ TEST(PackageDigestTest, EndsAtTheMd5OfTheFileOnDisk) {
     harness::WriteFile(kFile, "");
     PackageDigest digest(kFile);
     for (const Step& step : c.steps) {
-      if (step.keep >= 0) ASSERT_EQ(0, truncate(kFile, step.keep));
+      if (step.keep >= 0) {
+        ASSERT_EQ(0, truncate(kFile, step.keep));
+      }
       Append(step.append);
       digest.Grew(harness::ReadFile(kFile).size());
       EXPECT_EQ(harness::Md5Sum(kFile), digest.Hex());
