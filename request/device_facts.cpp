@@ -61,8 +61,8 @@ bool ReadIdentifier(PropertyValue& value) {
   return false;
 }
 
-// Renders a digest in hexadecimal up to its first zero byte: the server has always been sent
-// the digest as a C string, so a zero byte ends it.
+// Renders a digest in hexadecimal up to its first zero byte: the server takes the digest as a
+// C string, so a zero byte ends it.
 std::string DigestHex(const unsigned char* digest_buffer) {
   const char* bytes = reinterpret_cast<const char*>(digest_buffer);
   char* hex = nullptr;

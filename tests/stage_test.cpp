@@ -346,7 +346,7 @@ TEST_F(StageTest, BootEnvironmentReplaysTheQueryAndAnswerRecordedInTheSystem) {
   const std::string recorded_query = ReadFile("/tmp/download/request.encrypted");
   WriteFile("/cache/yonda/download/request.android.encrypted", recorded_query);
   WriteFile("/cache/yonda/enable_android_request", "1");
-  props_.Set("ro.build.version.incremental", "V999");  // Today's query would differ.
+  props_.Set("ro.build.version.incremental", "V999");  // A query built now would differ.
 
   Serve(kOffer);
   auto replayed = Run("--first_stage");

@@ -41,7 +41,7 @@ namespace {
 constexpr char kRule[] = "====================================";
 // More mirrors than a server ever offers; an answer beyond this is not laid out further.
 constexpr int kMaxMirrors = 100;
-// Mirror directories are made without search bits, as the boot environment always has.
+// Mirror directories are made without search bits (mode 0644); the process runs as root.
 constexpr mode_t kMirrorDirMode = 0644;
 
 // Returns the string value of |object|[name], or null when it is missing or not a string.
