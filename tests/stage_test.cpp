@@ -196,7 +196,8 @@ TEST_F(StageTest, EachModeEndsWithItsStatusLinesAndFiles) {
       // "X-Date-Source" names Date too; its text from the seventh character does not parse.
       {"a header that merely contains Date", "0", {"--header", "X-Date-Source: " + date}, "", "",
        {"\n-1 0 22 Invalid argument\n", "\n0:s\n"}, "T"},
-      {"nothing listens", "--first_stage", {"none"}, "", "0:f:7\n", {}, "",
+      {"nothing listens", "--first_stage", {"none"}, "", "0:f:7\n",
+       {"E:in 0, function for 7 has not been registed\n"}, "",
        {{kEvent, "7"}, {kReady, kAbsent}, {"/tmp/download/status", kAbsent}}},
       {"server slower than five seconds", "--first_stage", {"--delay", "/=6500"}, "",
        "0:f:CURLE_OPERATION_TIMEDOUT\n", {}, "T", {{kEvent, "28"}}},
