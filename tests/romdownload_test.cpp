@@ -3,8 +3,11 @@
  * SPDX-License-Identifier: Apache-2.0
  */
 
-// The download's progress callback: whole percents of the package, each written once, and the
-// speed since the last sample, both counted from what the file held when the transfer began.
+// The download's arithmetic and parsing: the progress callback's whole percents of the package,
+// each written once, and the speed since the last sample, both counted from what the file held
+// when the transfer began; and the split of a redirect address.
+
+#include "request/romdownload.h"
 
 #include <gtest/gtest.h>
 #include <stdio.h>
@@ -15,7 +18,6 @@
 #include <vector>
 
 #include "request/download_task.h"
-#include "request/romdownload.h"
 
 namespace {
 
@@ -74,6 +76,22 @@ TEST(DownloadProgressTest, SpeedCountsTheBytesSinceTheLastSample) {
     const uint64_t speed = std::stoull(sent.substr(at + 4));
     EXPECT_LE(speed, static_cast<uint64_t>(bytes / 2)) << sent;
     EXPECT_GE(speed, static_cast<uint64_t>(bytes / 3)) << sent;
+  }
+}
+
+TEST(RedirectSplitTest, SchemeHostAndPathOfTheAddress) {
+  struct Case {
+    const char* address;
+    std::vector<std::string> parts;  // scheme, host, path
+  } cases[] = {
+      {"http://mirror2.yonda.example/pkg/rom.zip?x=1",
+       {"http://", "mirror2.yonda.example", "/pkg/rom.zip?x=1"}},
+      {"http://mirror2.yonda.example", {"http://", "", ""}},  // No path: no host either.
+      {"/pkg/rom.zip", {"", "", "/pkg/rom.zip"}},
+  };
+  for (const Case& c : cases) {
+    const URLWrapper url = SplitRedirect(c.address);
+    EXPECT_EQ(c.parts, (std::vector<std::string>{url.scheme, url.host, url.path})) << c.address;
   }
 }
 
