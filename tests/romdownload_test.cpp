@@ -5,7 +5,7 @@
 
 // The download's arithmetic and parsing: the progress callback's whole percents of the package,
 // each written once, and the speed since the last sample, both counted from what the file held
-// when the transfer began; and the split of a redirect address.
+// when the transfer began; the split of a redirect address; and the front end's command lines.
 
 #include "request/romdownload.h"
 
@@ -17,6 +17,7 @@
 #include <string>
 #include <vector>
 
+#include "request/command_listener.h"
 #include "request/download_task.h"
 
 namespace {
@@ -92,6 +93,26 @@ TEST(RedirectSplitTest, SchemeHostAndPathOfTheAddress) {
   for (const Case& c : cases) {
     const URLWrapper url = SplitRedirect(c.address);
     EXPECT_EQ(c.parts, (std::vector<std::string>{url.scheme, url.host, url.path})) << c.address;
+  }
+}
+
+TEST(CommandLineSplitterTest, LinesAreCutAsFgetsWithA1024ByteBufferCutsThem) {
+  const std::string long_line(1023, 'x');
+  struct Case {
+    std::string stream;
+    std::vector<std::string> lines;
+  } cases[] = {
+      {"p\nc\n", {"p", "c"}},
+      {long_line + "\n", {long_line, ""}},
+      {std::string("s\0junk\nc", 9), {"s", "c"}},  // The last line ends with the stream.
+  };
+  for (const Case& c : cases) {
+    CommandLineSplitter splitter;
+    splitter.Append(c.stream);
+    std::vector<std::string> lines;
+    while (std::optional<std::string> line = splitter.Next()) lines.push_back(*line);
+    if (std::optional<std::string> rest = splitter.Finish()) lines.push_back(*rest);
+    EXPECT_EQ(c.lines, lines) << c.stream.size();
   }
 }
 
