@@ -245,7 +245,8 @@ TEST_F(DownloadTest, StageEndsOnItsOwnWhileTheFrontEndHoldsItsCommandPipe) {
 
 TEST_F(DownloadTest, PartialFileIsAppendedToAndCountedInThePercent) {
   constexpr int64_t kHeld = 2 * 1024 * 1024;
-  Serve({"--offset", std::to_string(kHeld)});
+  // Throttled so that progress is reported before the package is whole.
+  Serve({"--offset", std::to_string(kHeld), "--rate", "4194304"});
   ASSERT_EQ(0, system(("head -c " + std::to_string(kHeld) + " " + kMirror + kPackagePath + " > " +
                        kPackage)
                           .c_str()));
