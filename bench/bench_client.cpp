@@ -87,6 +87,14 @@ bool PumpUntil(Child& child, FileWatch& watch, const std::function<bool()>& done
   return true;
 }
 
+// Pumps |child| until |until|, waking at that time rather than at the next second.
+void PumpUntilTime(Child& child, FileWatch& watch, Clock::time_point until) {
+  for (Clock::time_point now = Clock::now(); now < until && child.running(); now = Clock::now()) {
+    const auto left = std::chrono::duration_cast<std::chrono::milliseconds>(until - now) + 1ms;
+    if (child.Pump(left, watch.fd())) watch.Drain();
+  }
+}
+
 void PrintUsage(Child& child, Clock::time_point began, Clock::time_point ended, double latency) {
   const rusage& usage = child.usage();
   const double cpu = usage.ru_utime.tv_sec + usage.ru_utime.tv_usec / 1e6 + usage.ru_stime.tv_sec +
@@ -132,19 +140,28 @@ int Cycles(const std::string& bundlerun, const std::vector<std::string>& address
     const Clock::time_point pause_sent = Clock::now();
     child->SendCommand("p\n");
     if (!PumpUntil(*child, watch, [&] { return Count(child->status(), "3:r:p\n") >= size_t(i); })) {
+      fprintf(stderr, "cycle %d: no answer to p; status ends %s\n", i,
+              child->status()
+                  .substr(child->status().size() - std::min<size_t>(80, child->status().size()))
+                  .c_str());
       return 1;
     }
     const double pause_ms = Millis(Clock::now() - pause_sent);
     // Paused long enough for the mirror to fill the socket buffers, as a user's pause does.
-    const Clock::time_point resume_at = Clock::now() + 200ms;
-    PumpUntil(*child, watch, [&] { return Clock::now() >= resume_at; });
+    PumpUntilTime(*child, watch, Clock::now() + 200ms);
     const int64_t held = FileSize(package);
     const Clock::time_point continue_sent = Clock::now();
     child->SendCommand("c\n");
-    if (!PumpUntil(*child, watch, [&] { return FileSize(package) > held + kMoving; })) return 1;
+    if (!PumpUntil(*child, watch, [&] { return FileSize(package) > held + kMoving; })) {
+      fprintf(stderr, "cycle %d: the package did not grow after c (%lld bytes); status ends %s\n",
+              i, static_cast<long long>(FileSize(package)),
+              child->status()
+                  .substr(child->status().size() - std::min<size_t>(80, child->status().size()))
+                  .c_str());
+      return 1;
+    }
     printf("%.3f %.3f\n", pause_ms, Millis(Clock::now() - continue_sent));
-    const Clock::time_point next_at = Clock::now() + 100ms;
-    PumpUntil(*child, watch, [&] { return Clock::now() >= next_at; });
+    PumpUntilTime(*child, watch, Clock::now() + 100ms);
   }
   child->SendCommand("s\n");
   child->WaitForExit(60s);
