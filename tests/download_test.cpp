@@ -363,10 +363,12 @@ TEST_F(DownloadTest, RedirectStartsAgainOnlyOnTheNewHostsAddress) {
 
 TEST_F(DownloadTest, UnwritablePackageFileIsAWriteErrorAndRetried) {
   Serve({});
-  // A read-only view of /tmp over it (files held open for writing keep the tmpfs itself busy).
-  ASSERT_EQ(0, mount("/tmp", "/tmp", nullptr, MS_BIND, nullptr));
+  // A read-only view of /tmp over it (files held open for writing keep the tmpfs itself busy),
+  // with what is mounted below it, such as a checkout under /tmp, still in place.
+  ASSERT_EQ(0, mount("/tmp", "/tmp", nullptr, MS_BIND | MS_REC, nullptr));
   ASSERT_EQ(0, mount(nullptr, "/tmp", nullptr, MS_REMOUNT | MS_BIND | MS_RDONLY, nullptr));
   auto child = StartDownload();
+  ASSERT_NE(nullptr, child);
   ASSERT_TRUE(child->WaitForStatus(Received("3:f:23\n", 5), 30s)) << child->status();
   EXPECT_TRUE(child->running());
   EXPECT_NE(std::string::npos, child->out().find("E:failed to open /tmp/secure_update.zip"));
