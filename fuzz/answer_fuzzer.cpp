@@ -63,11 +63,11 @@ extern "C" int LLVMFuzzerInitialize(int*, char***) {
 std::string AsTheServerSends(const std::string& clear) {
   char* cipher = nullptr;
   int cipher_len = 0;
-  if (AES_CBC_PKCS5Padding_Encrypt(kUpdateCipherKey, &cipher, &cipher_len, clear.data(),
-                                   static_cast<int>(clear.size())) != 0) {
-    return "";
-  }
+  // The cipher hands its buffer over on failure too.
+  const int encrypted = AES_CBC_PKCS5Padding_Encrypt(kUpdateCipherKey, &cipher, &cipher_len,
+                                                     clear.data(), static_cast<int>(clear.size()));
   CipherBuffer owned_cipher(cipher);
+  if (encrypted != 0) return "";
   char* text = nullptr;
   size_t text_len = 0;
   if (base64_encode(&text, &text_len, cipher, cipher_len) != 0) return "";
