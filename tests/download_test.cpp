@@ -33,11 +33,9 @@ using namespace std::chrono_literals;
 using bundlerun_parent::StatusParser;
 using bundlerun_parent::StatusRecord;
 using harness::ReadFile;
-using harness::UpdateServer;
 using harness::WriteFile;
 
 constexpr char kPackage[] = "/tmp/secure_update.zip";
-constexpr char kMirror[] = "/tmp/harness/mirror";
 constexpr char kPackagePath[] = "/base/V2.0/rom.zip";
 constexpr int64_t kPackageSize = 6 * 1024 * 1024;
 
@@ -91,28 +89,18 @@ class DownloadTest : public harness::SandboxTest {
     SandboxTest::SetUp();
     ASSERT_EQ(0, system("mkdir -p /tmp/harness/mirror/base/V2.0 /tmp/download/LatestRom"));
     ASSERT_EQ(0, system("head -c 6291456 /dev/urandom > /tmp/harness/mirror/base/V2.0/rom.zip"));
-    md5_ = harness::Md5Sum(std::string(kMirror) + kPackagePath);
+    md5_ = harness::Md5Sum(std::string(harness::kMirrorDir) + kPackagePath);
     // What the first stage leaves for the second: the package size and the ROM in use.
     WriteFile("/tmp/download/LatestRom/filesize", std::to_string(kPackageSize));
     ASSERT_EQ(0, symlink("/tmp/download/LatestRom", "/tmp/download/CurrentRom"));
   }
 
-  // Starts the package mirror with |args|.
-  void Serve(const std::vector<std::string>& args, const std::string& listen = "127.0.0.1:80") {
-    std::vector<std::string> all = {"--packages", kMirror};
-    all.insert(all.end(), args.begin(), args.end());
-    server_.reset();
-    server_ = std::make_unique<UpdateServer>(all, listen);
-    ASSERT_TRUE(server_->ok());
-  }
-
   // Copies the package to |path| under a second mirror's directory |dir|.
   static void CopyPackage(const std::string& dir, const std::string& path) {
     const std::string to = dir + path;
-    ASSERT_EQ(
-        0,
-        system(
-            ("mkdir -p $(dirname " + to + ") && cp " + kMirror + kPackagePath + " " + to).c_str()));
+    ASSERT_EQ(0, system(("mkdir -p $(dirname " + to + ") && cp " + harness::kMirrorDir +
+                         kPackagePath + " " + to)
+                            .c_str()));
   }
 
   std::unique_ptr<bundlerun_parent::Child> StartDownload(
@@ -130,7 +118,6 @@ class DownloadTest : public harness::SandboxTest {
   }
 
   std::string md5_;
-  std::unique_ptr<UpdateServer> server_;
 };
 
 TEST_F(DownloadTest, ReportsRisingPercentAndSpeedAndEndsWithTheDigest) {
@@ -234,7 +221,7 @@ TEST_F(DownloadTest, StageEndsOnItsOwnWhileTheFrontEndHoldsItsCommandPipe) {
   for (const Case& c : cases) {
     SCOPED_TRACE(c.name);
     unlink(kPackage);
-    if (c.empty_package) WriteFile(std::string(kMirror) + kPackagePath, "");
+    if (c.empty_package) WriteFile(std::string(harness::kMirrorDir) + kPackagePath, "");
     Serve({});
     auto child = StartDownload();
     const int status = child->WaitForExit(30s);
@@ -247,8 +234,8 @@ TEST_F(DownloadTest, PartialFileIsAppendedToAndCountedInThePercent) {
   constexpr int64_t kHeld = 2 * 1024 * 1024;
   // Throttled so that progress is reported before the package is whole.
   Serve({"--offset", std::to_string(kHeld), "--rate", "4194304"});
-  ASSERT_EQ(0, system(("head -c " + std::to_string(kHeld) + " " + kMirror + kPackagePath + " > " +
-                       kPackage)
+  ASSERT_EQ(0, system(("head -c " + std::to_string(kHeld) + " " + harness::kMirrorDir +
+                       kPackagePath + " > " + kPackage)
                           .c_str()));
   auto child = StartDownload();
   Finish(*child);

@@ -39,7 +39,7 @@ class FrontendTest : public harness::SandboxTest {
   }
 
   // Makes a sample ROM of |mib| MiB and serves it; |md5| overrides the digest the answer gives.
-  void Serve(int mib, const std::vector<std::string>& extra = {}, std::string md5 = "") {
+  void ServeRom(int mib, const std::vector<std::string>& extra = {}, std::string md5 = "") {
     ASSERT_EQ(
         0,
         system(
@@ -50,12 +50,9 @@ class FrontendTest : public harness::SandboxTest {
                   std::to_string(mib) + R"(M","md5":")" + md5 +
                   R"(","Validate":"v"},"CurrentRom":{"version":"V1.0"},"MirrorList":)"
                   R"(["https://secure.yonda.example/base","http://mirror.yonda.example/base"]})");
-    std::vector<std::string> args = {"--answer", "/tmp/harness/answer.json", "--packages",
-                                     "/tmp/harness/mirror"};
+    std::vector<std::string> args = {"--answer", "/tmp/harness/answer.json"};
     args.insert(args.end(), extra.begin(), extra.end());
-    server_.reset();  // Port 80 must be free for the next one.
-    server_ = std::make_unique<harness::UpdateServer>(args);
-    ASSERT_TRUE(server_->ok());
+    Serve(args);
   }
 
   // Runs bundlerun-ui in plain mode to its end; returns its exit status.
@@ -67,8 +64,6 @@ class FrontendTest : public harness::SandboxTest {
     EXPECT_TRUE(WIFEXITED(status)) << status;
     return WEXITSTATUS(status);
   }
-
-  std::unique_ptr<harness::UpdateServer> server_;
 };
 
 TEST_F(FrontendTest, PlainModeRunsAWholeUpdateAndRefusesAWrongPackage) {
@@ -97,7 +92,7 @@ TEST_F(FrontendTest, PlainModeRunsAWholeUpdateAndRefusesAWrongPackage) {
   };
   for (const Case& c : cases) {
     SCOPED_TRACE(c.exit_status);
-    Serve(4, {}, c.md5);
+    ServeRom(4, {}, c.md5);
     std::string out;
     EXPECT_EQ(c.exit_status, RunPlain({}, &out)) << out;
     size_t at = 0;
@@ -141,7 +136,7 @@ bool WaitForScreen(const std::string& text, std::chrono::seconds timeout) {
 }
 
 TEST_F(FrontendTest, TerminalModeShowsTheBarAndObeysKeys) {
-  Serve(8, {"--rate", "1048576"});
+  ServeRom(8, {"--rate", "1048576"});
   const std::string command = std::string("tmux new-session -d -s ui -x 130 -y 45 '") +
                               harness::ShellProgram(UI_BIN) + " --log " + kUiLog +
                               "; echo EXIT:$?; sleep 600'";

@@ -28,11 +28,9 @@ namespace {
 
 using harness::Exists;
 using harness::ReadFile;
-using harness::UpdateServer;
 using harness::WriteFile;
 
 constexpr char kAnswerPath[] = "/tmp/harness/answer.json";
-constexpr char kMirrorDir[] = "/tmp/harness/mirror";
 constexpr char kPackage[] = "/tmp/harness/mirror/base/V2.0/rom.zip";
 constexpr char kRom[] = "/tmp/download/LatestRom/";
 constexpr char kEvent[] = "/tmp/dgq/events/download_status";
@@ -104,15 +102,14 @@ class StageTest : public harness::SandboxTest {
                         "> /tmp/harness/mirror/base/V2.0/rom.zip"));
   }
 
-  // Serves |answer| with the package mirror and |extra| arguments.
-  void Serve(const std::string& answer, std::vector<std::string> extra = {},
-             const std::string& listen = "127.0.0.1:80") {
+  // Serves |answer| with the package mirror and |extra| arguments; {"none"}: nothing listens.
+  void ServeAnswer(const std::string& answer, std::vector<std::string> extra = {},
+                   const std::string& listen = "127.0.0.1:80") {
     server_.reset();  // Port 80 must be free for the next one.
     if (extra == std::vector<std::string>{"none"}) return;
     WriteFile(kAnswerPath, answer);
-    extra.insert(extra.begin(), {"--answer", kAnswerPath, "--packages", kMirrorDir});
-    server_ = std::make_unique<UpdateServer>(extra, listen);
-    ASSERT_TRUE(server_->ok());
+    extra.insert(extra.begin(), {"--answer", kAnswerPath});
+    Serve(extra, listen);
   }
 
   std::unique_ptr<bundlerun_parent::Child> Run(const std::string& run) {
@@ -147,7 +144,7 @@ class StageTest : public harness::SandboxTest {
     SandboxTest::SetUp();
     props_.Set("ro.build.version.incremental", "V816.0.1");
     for (const auto& [key, value] : row.props) props_.Set(key, value);
-    Serve(row.answer.empty() ? kOffer : row.answer, row.server, row.listen);
+    ServeAnswer(row.answer.empty() ? kOffer : row.answer, row.server, row.listen);
     auto child = Run(row.run);
     if (android::base::StartsWith(row.run, "--")) {
       EXPECT_EQ(row.status, child->status());
@@ -171,8 +168,6 @@ class StageTest : public harness::SandboxTest {
       }
     }
   }
-
-  std::unique_ptr<UpdateServer> server_;
 };
 
 TEST_F(StageTest, EachModeEndsWithItsStatusLinesAndFiles) {
@@ -272,7 +267,7 @@ TEST_F(StageTest, UnknownUpdateHost) {
 
 TEST_F(StageTest, QueryCarriesTheDeviceFactsEnciphered) {
   UseFullDevice();
-  Serve(kOffer);
+  ServeAnswer(kOffer);
   auto child = Run("--first_stage");
   EXPECT_EQ("0:s\n1:s\n2:s:0", child->status());
   std::vector<harness::Request> requests = server_->requests();
@@ -343,14 +338,14 @@ TEST_F(StageTest, QueryCarriesTheDeviceFactsEnciphered) {
 
 TEST_F(StageTest, BootEnvironmentReplaysTheQueryAndAnswerRecordedInTheSystem) {
   UseFullDevice();
-  Serve(kOffer);
+  ServeAnswer(kOffer);
   Run("--first_stage");
   const std::string recorded_query = ReadFile("/tmp/download/request.encrypted");
   WriteFile("/cache/yonda/download/request.android.encrypted", recorded_query);
   WriteFile("/cache/yonda/enable_android_request", "1");
   props_.Set("ro.build.version.incremental", "V999");  // A query built now would differ.
 
-  Serve(kOffer);
+  ServeAnswer(kOffer);
   auto replayed = Run("--first_stage");
   std::vector<harness::Request> requests = server_->requests();
   ASSERT_EQ(3u, requests.size());
@@ -364,7 +359,7 @@ TEST_F(StageTest, BootEnvironmentReplaysTheQueryAndAnswerRecordedInTheSystem) {
       R"({"LatestRom":{"version":"V7.7","filename":"r.zip","filesize":"2M","md5":"m",)"
       R"("Validate":"v"},"CurrentRom":{"version":"V1"},"MirrorList":["http://mirror2.yonda.example"]})");
   WriteFile("/cache/yonda/enable_android_response", "1");
-  Serve(kOffer);
+  ServeAnswer(kOffer);
   auto answered = Run("--first_stage");
   EXPECT_EQ("V7.7", ReadFile(std::string(kRom) + "version"));
   EXPECT_EQ("2097152", ReadFile(std::string(kRom) + "filesize"));

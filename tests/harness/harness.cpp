@@ -245,6 +245,13 @@ void SandboxTest::Finish(bundlerun_parent::Child& child, std::chrono::millisecon
                                                              << child.err();
 }
 
+void SandboxTest::Serve(std::vector<std::string> args, const std::string& listen) {
+  server_.reset();
+  args.insert(args.begin(), {"--packages", kMirrorDir});
+  server_ = std::make_unique<UpdateServer>(args, listen);
+  ASSERT_TRUE(server_->ok());
+}
+
 std::unique_ptr<bundlerun_parent::Child> SandboxTest::StartRaw(
     const std::vector<std::string>& args) {
   auto child = bundlerun_parent::Child::StartRaw(BUNDLERUN_BIN, args, {props_.env()});

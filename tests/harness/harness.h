@@ -24,6 +24,8 @@ namespace harness {
 using namespace std::chrono_literals;
 
 constexpr char kHarnessDir[] = "/tmp/harness";
+// Where the local update server's package mirror serves files from.
+constexpr char kMirrorDir[] = "/tmp/harness/mirror";
 
 // Ends the test process unless it runs inside tests/sandbox/run: the tests write the device's
 // fixed paths and start servers on port 80.
@@ -124,8 +126,12 @@ class SandboxTest : public ::testing::Test {
   // Runs |child| to its end and checks that it exited with status 0.
   static void Finish(bundlerun_parent::Child& child,
                      std::chrono::milliseconds timeout = std::chrono::seconds(90));
+  // Starts the local update server with its package mirror on kMirrorDir and |args|, in place of
+  // the one before (port 80 must be free for it).
+  void Serve(std::vector<std::string> args, const std::string& listen = "127.0.0.1:80");
 
   PropertyFile props_;
+  std::unique_ptr<UpdateServer> server_;
 };
 
 }  // namespace harness
