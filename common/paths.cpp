@@ -5,6 +5,9 @@
 
 #include "common/paths.h"
 
+// Every name of the boot environment's shared layout is defined here, also those that this
+// program does not read itself (marked "layout only" in paths.h): the layout names them.
+
 std::string kCacheRootDir = "/cache/yonda";
 std::string kLastLocalePath = "/cache/yonda/last_locale";
 std::string kLastLogPath = "/cache/yonda/last_log";
@@ -55,3 +58,35 @@ std::string kAndroidResponseCipherPath = "/cache/yonda/download/response.android
 std::string kDgqCacheDir = "/cache/yonda/dgq";
 std::string kContentLengthHeader = "Content-Length";
 std::string kOrigContentLengthHeader = "Oct-Orig-Content-Length";
+
+// The diagnostics set. The daemon uploads to these endpoints; this program only names them.
+std::string kDgqTmpDir = "/tmp/dgq";
+std::string kDgqEventsDir = "/tmp/dgq/events";
+std::string kDgqUploadUrlPreview =
+    std::string("http://") + BUNDLERUN_DGQ_PREVIEW_HOST + "/dgqas/fileUploadWithUrlId";
+std::string kDgqUploadUrl =
+    std::string("https://") + BUNDLERUN_DGQ_HOST + "/dgqas/fileUploadWithUrlId";
+// The trailing blank belongs to the international endpoint as the daemon knows it.
+std::string kDgqUploadUrlIntl =
+    std::string("https://") + BUNDLERUN_DGQ_INTL_HOST + "/dgqas/fileUploadWithUrlId ";
+
+// The scratch layout. The start-up moves it under "/cache" outside the update boot image.
+std::string kTmpDownloadDir = "/tmp/download";
+std::string kTmpLatestRomDir = "/tmp/download/LatestRom";
+std::string kTmpCrossRomDir = "/tmp/download/CrossRom";
+std::string kTmpCurrentRomDir = "/tmp/download/CurrentRom";
+std::string kTmpRequestPlainPath = "/tmp/download/request.uncrypted";
+std::string kTmpRequestCipherPath = "/tmp/download/request.encrypted";
+std::string kTmpResponsePlainPath = "/tmp/download/response.uncrypted";
+std::string kTmpResponseCipherPath = "/tmp/download/response.encrypted";
+std::string kTmpStatusPath = "/tmp/download/status";
+std::string kSecureUpdatePackagePath = "/tmp/secure_update.zip";
+
+void MoveScratchTreeUnder(const std::string& prefix) {
+  for (std::string* path : {&kTmpDownloadDir, &kTmpLatestRomDir, &kTmpCrossRomDir,
+                            &kTmpCurrentRomDir, &kTmpRequestPlainPath, &kTmpRequestCipherPath,
+                            &kTmpResponsePlainPath, &kTmpResponseCipherPath, &kTmpStatusPath,
+                            &kSecureUpdatePackagePath, &kDgqTmpDir, &kDgqEventsDir}) {
+    path->insert(0, prefix);
+  }
+}

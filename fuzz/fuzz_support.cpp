@@ -97,21 +97,10 @@ void MoveFixedPathsUnder(const std::string& root) {
                             &kYondaResponseCipherPath,
                             &kAndroidResponsePlainPath,
                             &kAndroidResponseCipherPath,
-                            &kDgqCacheDir,
-                            &kDgqTmpDir,
-                            &kDgqEventsDir,
-                            &kTmpDownloadDir,
-                            &kTmpLatestRomDir,
-                            &kTmpCrossRomDir,
-                            &kTmpCurrentRomDir,
-                            &kTmpRequestPlainPath,
-                            &kTmpRequestCipherPath,
-                            &kTmpResponsePlainPath,
-                            &kTmpResponseCipherPath,
-                            &kTmpStatusPath,
-                            &kSecureUpdatePackagePath}) {
+                            &kDgqCacheDir}) {
     path->insert(0, root);
   }
+  MoveScratchTreeUnder(root);
 }
 
 void MakeWorkDirectories() {

@@ -5,7 +5,6 @@
 
 #include "request/bundlerun_entry.h"
 
-#include <android-base/properties.h>
 #include <stdio.h>
 #include <sys/mount.h>
 #include <sys/stat.h>
@@ -13,6 +12,7 @@
 #include <string>
 
 #include "common/paths.h"
+#include "yondatools/yonda-root/secure_mount.h"
 
 namespace {
 
@@ -38,17 +38,12 @@ void UiLogger(android::base::LogId, android::base::LogSeverity severity, const c
 
 void prepare_and_correct_dir() {
   mkdir(kCacheRootDir.c_str(), 0755);
-  if (android::base::GetProperty("ro.bootimage.name", "android") != "yonda") {
+  if (whichEnvironment() != "yonda") {
     // Outside the update boot image the scratch tree lives on a tmpfs under /cache. A tmpfs that
     // is already there (an earlier stage of a debug run) is kept with what it holds.
     mkdir(kCacheTmpDir, 0755);
     if (!IsMountPoint(kCacheTmpDir)) mount("none", kCacheTmpDir, "tmpfs", 0, nullptr);
-    for (std::string* path : {&kTmpDownloadDir, &kTmpLatestRomDir, &kTmpCrossRomDir,
-                              &kTmpCurrentRomDir, &kTmpRequestPlainPath, &kTmpRequestCipherPath,
-                              &kTmpResponsePlainPath, &kTmpResponseCipherPath, &kTmpStatusPath,
-                              &kSecureUpdatePackagePath, &kDgqTmpDir, &kDgqEventsDir}) {
-      path->insert(0, "/cache");
-    }
+    MoveScratchTreeUnder("/cache");
   }
   for (const std::string* dir :
        {&kTmpDownloadDir, &kTmpLatestRomDir, &kTmpCrossRomDir, &kDgqTmpDir, &kDgqEventsDir}) {

@@ -16,17 +16,6 @@
 #include "common/paths.h"
 #include "yondatools/yonda-root/secure_mount.h"
 
-// The diagnostics set. The daemon uploads to these endpoints; this program only names them.
-std::string kDgqTmpDir = "/tmp/dgq";
-std::string kDgqEventsDir = "/tmp/dgq/events";
-std::string kDgqUploadUrlPreview =
-    std::string("http://") + BUNDLERUN_DGQ_PREVIEW_HOST + "/dgqas/fileUploadWithUrlId";
-std::string kDgqUploadUrl =
-    std::string("https://") + BUNDLERUN_DGQ_HOST + "/dgqas/fileUploadWithUrlId";
-// The trailing blank belongs to the international endpoint as the daemon knows it.
-std::string kDgqUploadUrlIntl =
-    std::string("https://") + BUNDLERUN_DGQ_INTL_HOST + "/dgqas/fileUploadWithUrlId ";
-
 namespace yondadgq {
 
 int32_t dgq_write_data(const std::map<std::string, std::string>& event) {

@@ -51,7 +51,7 @@ std::unordered_map<std::string, bool> BuildAllowTable() {
 
 bool allowcreate(std::string path) {
   if (android::base::GetProperty("ro.build.tags", "null") == "test-keys") return true;
-  if (android::base::GetProperty("ro.bootimage.name", "android") == "android") {
+  if (whichEnvironment() == "android") {
     LOG(INFO) << "bundlerun running in android system only during debug";
     return true;
   }

@@ -24,18 +24,6 @@
 #include "common/paths.h"
 #include "yondatools/yonda-root/secure_mount.h"
 
-// The scratch layout. The start-up moves it under "/cache" outside the update boot image.
-std::string kTmpDownloadDir = "/tmp/download";
-std::string kTmpLatestRomDir = "/tmp/download/LatestRom";
-std::string kTmpCrossRomDir = "/tmp/download/CrossRom";
-std::string kTmpCurrentRomDir = "/tmp/download/CurrentRom";
-std::string kTmpRequestPlainPath = "/tmp/download/request.uncrypted";
-std::string kTmpRequestCipherPath = "/tmp/download/request.encrypted";
-std::string kTmpResponsePlainPath = "/tmp/download/response.uncrypted";
-std::string kTmpResponseCipherPath = "/tmp/download/response.encrypted";
-std::string kTmpStatusPath = "/tmp/download/status";
-std::string kSecureUpdatePackagePath = "/tmp/secure_update.zip";
-
 namespace {
 
 constexpr char kRule[] = "====================================";
