@@ -3,9 +3,12 @@
  * SPDX-License-Identifier: Apache-2.0
  */
 
-// The MD5 digest of the package file, computed while the package arrives. A hashing thread
-// follows the download through the file, so that the digest is ready when the last byte lands
-// and the thread that receives the package never spends time on it.
+// The MD5 digest of the package file, computed while the package arrives, so that it is ready
+// when the last byte lands. A hashing thread hashes the file in order: what the file held before
+// this process received anything (an earlier attempt's bytes) it reads back from the file; the
+// pieces the download receives are handed over from memory, each copied once, while there is
+// room for them, and read back from the file otherwise. The download never waits for it: it asks
+// how far behind the digest is and is woken when it has caught up.
 
 #pragma once
 
@@ -13,41 +16,76 @@
 #include <openssl/md5.h>
 #include <stdint.h>
 
-#include <atomic>
+#include <condition_variable>
+#include <functional>
+#include <mutex>
+#include <optional>
 #include <string>
 #include <thread>
+#include <vector>
 
 class PackageDigest {
  public:
-  explicit PackageDigest(std::string path);
+  // How many received bytes wait in memory for the hashing thread at most.
+  static constexpr size_t kMemoryBytes = 4 * 1024 * 1024;
+
+  // |wake| is called on the hashing thread when a wait asked for with WakeWhenBehindBy is over.
+  PackageDigest(std::string path, std::function<void()> wake);
+  // Stops the hashing thread within one piece of work and joins it.
   ~PackageDigest();
   PackageDigest(const PackageDigest&) = delete;
   PackageDigest& operator=(const PackageDigest&) = delete;
 
-  // Tells the digest that the file now holds |size| bytes. The bytes not hashed yet are hashed
-  // once, in order; a file shorter than what was hashed is hashed again from its start.
-  void Grew(uint64_t size);
-  // Waits until at most |lag| bytes of the file are not hashed yet.
-  void WaitUntilBehindBy(uint64_t lag);
-  // Waits until the whole file is hashed and returns its lower-case hexadecimal MD5, or an empty
-  // string when the file could not be read.
-  std::string Hex();
+  // Tells the digest that the file holds |size| bytes when an attempt starts. Bytes the digest
+  // does not know of are read back from the file; a file shorter than what the digest knows is
+  // hashed again from its start.
+  void Held(uint64_t size);
+  // Hands over |length| bytes that this process received and has just appended to the file.
+  void Received(const char* data, size_t length);
+  // Returns how many of the bytes this process received are not hashed yet; 0 while the hashing
+  // thread is still on bytes the file held before them.
+  uint64_t OwnBytesBehind();
+  // Asks for one call of |wake| once at most |lag| bytes of the file are not hashed, or hashing
+  // failed. Returns false, asking nothing, when that already holds.
+  bool WakeWhenBehindBy(uint64_t lag);
+  // Returns the lower-case hexadecimal MD5 of the file once all of it is hashed, an empty string
+  // when the file could not be read, or nothing while hashing goes on.
+  std::optional<std::string> Hex();
 
  private:
-  // The hashing thread: hashes what the file holds beyond what it has hashed, until stopped.
+  // The hashing thread: hashes the file in order until stopped.
   void Run();
+  // Starts the hashing thread unless it runs. Called with lock_ held.
+  void StartLocked();
+  // Stops the hashing thread and joins it.
+  void StopThread();
+  // Returns whether the wait asked for with WakeWhenBehindBy is over. Called with lock_ held.
+  bool WaitOverLocked() const;
 
   const std::string path_;
-  android::base::unique_fd moreEvent_;      // the file grew (or is to be hashed again)
-  android::base::unique_fd progressEvent_;  // the hashing thread hashed more
-  android::base::unique_fd stopEvent_;
+  const std::function<void()> wake_;
   std::thread thread_;
-  // Written by the owner: the file's size. Written by the hashing thread: the bytes hashed, each
-  // store made after the context holds them.
-  std::atomic<uint64_t> size_{0};
-  std::atomic<uint64_t> hashed_{0};
-  std::atomic<bool> restart_{false};
-  std::atomic<bool> failed_{false};
-  // Touched by the hashing thread, and by the owner only while hashed_ equals size_.
+
+  // Everything below is guarded by lock_, except where said.
+  std::mutex lock_;
+  std::condition_variable more_;
+  bool stop_ = false;
+  bool failed_ = false;
+  // The file's size as this process knows it, the bytes hashed, and where the bytes this process
+  // received begin.
+  uint64_t size_ = 0;
+  uint64_t hashed_ = 0;
+  uint64_t ownFrom_ = 0;
+  bool wakeArmed_ = false;
+  uint64_t wakeLag_ = 0;
+  // Received bytes waiting in memory: |memoryBytes_| bytes of the file from |memoryStart_| on,
+  // from |memoryHead_| on in |memory_| (wrapping around at its end). The hashing thread reads the
+  // bytes it claimed without the lock; Received() writes only where no claimed byte is.
+  std::vector<char> memory_;
+  uint64_t memoryStart_ = 0;
+  size_t memoryHead_ = 0;
+  size_t memoryBytes_ = 0;
+  // Touched by the hashing thread while it hashes what it claimed, and by Hex() only when
+  // nothing is claimed (hashed_ == size_).
   MD5_CTX context_;
 };

@@ -23,7 +23,7 @@
 #include "common/paths.h"
 #include "fuzz/fuzz_support.h"
 #include "request/addressinfo.h"
-#include "request/download_task.h"
+#include "request/stage_record.h"
 #include "request/update_checker.h"
 
 namespace {
@@ -82,9 +82,9 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
   fuzz::MakeWorkDirectories();
   android::base::WriteStringToFile(body, kResponseBodyPath);
   {
-    DownloadTask driver(/*forked=*/true, nullptr, nullptr);
+    StageRecord stage;
     AddressInfo task;
-    task.driver = &driver;
+    task.stage = &stage;
     task.PostExecuted();
   }
   for (void* block : JsonBlocks()) free(block);

@@ -20,9 +20,7 @@
 #include "common/cipher.h"
 #include "common/paths.h"
 #include "request/device_facts.h"
-#include "request/download_task.h"
 #include "request/update_checker.h"
-#include "yonda_resolver.h"
 #include "yondatools/yonda-root/jsondump.h"
 #include "yondatools/yonda-root/secure_mount.h"
 #include "yondatools/yonda-update/dir2url.h"
@@ -51,24 +49,18 @@ void StripFraming(std::string& text) {
 
 }  // namespace
 
-AddressInfo::AddressInfo() {
-  EventWrapper<AddressInfo>::Attach(this);
-}
-
-AddressInfo::~AddressInfo() {
-  EventWrapper<AddressInfo>::Detach(this);
-}
+AddressInfo::AddressInfo() : NetworkTask(LOG_TAG, __FILE__) {}
 
 std::string AddressInfo::getDescriptor() {
   return "AddressInfo";
 }
 
 void AddressInfo::run() {
-  LOG(INFO) << ">> AddressInfo is running...";
+  LogBanner();
   StringMap params;
   URLWrapper address;
   checkUpdateInfo(params, address);
-  LOG(DEBUG) << "AddressInfo url " << address.scheme << " " << address.host << " " << address.path;
+  LogAddress(address);
 
   const std::string form = BuildFormBody(params);
   create_file_and_writedata(kTmpRequestCipherPath, form);
@@ -80,6 +72,7 @@ void AddressInfo::run() {
     // Replay the query recorded in the system, byte for byte.
     postBody = open_file_and_readdata(kAndroidRequestCipherPath);
     std::string recorded_clear, recorded_body;
+    // Text read first and scratch path second, as the device has always done: writes nothing.
     if (!android::base::ReadFileToString(kAndroidRequestPlainPath, &recorded_clear)) {
       create_file_and_writedata(recorded_clear, kTmpRequestPlainPath);
     }
@@ -90,18 +83,15 @@ void AddressInfo::run() {
     postBody = form;
   }
 
-  url = address;
-  resolveName(url, EventWrapper<AddressInfo>::fake_callback);
+  Resolve(address);
 }
 
 int AddressInfo::PreExecuted() {
-  outputFile.reset(fopen(kResponseBodyPath.c_str(), "w"));
-  const int open_error = errno;
-  LOG(DEBUG) << ">> AddressInfo::PreExecuted, curl writedata=" << kResponseBodyPath;
-  if (!outputFile) {
-    LOG(ERROR) << "failed to open " << kResponseBodyPath << ": " << strerror(open_error);
-    return CURLE_WRITE_ERROR;
-  }
+  CURLcode code = OpenTransferFile(kResponseBodyPath, "curl writedata=", [this] {
+    outputFile.reset(fopen(kResponseBodyPath.c_str(), "w"));
+    return outputFile != nullptr;
+  });
+  if (code != CURLE_OK) return code;
   AppendStandardHeaders();
   return CurlOptions(curl)
       .Set(CURLOPT_ERRORBUFFER, errorBuffer)
@@ -117,22 +107,18 @@ int AddressInfo::PreExecuted() {
 }
 
 int AddressInfo::OnExecuted() {
-  std::string target = url.url();
-  LOG(DEBUG) << ">> AddressInfo::OnExecuted, url=" << target;
-  CURLcode code = Perform(target);
+  const int code = SecureEvent::OnExecuted();
   if (code == CURLE_OK) fflush(outputFile.get());
   return code;
 }
 
-int AddressInfo::PostExecuted() {
-  LOG(DEBUG) << ">> AddressInfo::PostExecuted";
-
+void AddressInfo::ProcessResponse() {
   if (whichEnvironment() == "yonda" && open_file_and_readdata(kEnableAndroidResponsePath) == "1") {
     std::string recorded = open_file_and_readdata(kAndroidResponsePlainPath);
     PostExecutedFinal(recorded.c_str());
     // The recorded answer's path, not its text, is what is parsed here; no document results.
-    driver->answer = cJSON_Parse(kAndroidResponsePlainPath.c_str());
-    return SecureEvent::PostExecuted();
+    stage->answer.reset(cJSON_Parse(kAndroidResponsePlainPath.c_str()));
+    return;
   }
 
   std::string text;
@@ -156,7 +142,7 @@ int AddressInfo::PostExecuted() {
   // A failed decode has already released its buffer.
   if (base64_decode(&raw_decoded, &decoded_len, text.data(), text.size()) != 0) {
     printf("failed to use base64 to decode %s\n", kResponseBodyPath.c_str());
-    return SecureEvent::PostExecuted();
+    return;
   }
   CipherBuffer decoded(raw_decoded);
   char* raw_clear = nullptr;
@@ -167,7 +153,7 @@ int AddressInfo::PostExecuted() {
   CipherBuffer clear(raw_clear);
   if (decrypted != 0) {
     printf("failed to use aes-128-cbc to decrypt %s\n", kResponseBodyPath.c_str());
-    return SecureEvent::PostExecuted();
+    return;
   }
 
   // The padding and the extra deciphered block stay behind the document; the JSON parser stops
@@ -177,9 +163,7 @@ int AddressInfo::PostExecuted() {
   LOG(DEBUG) << ">> AddressInfo clear response \"" << kTmpResponsePlainPath << "\":\n"
              << clear_text << "\n";
   PostExecutedFinal(clear_text.c_str());
-  cJSON_Delete(driver->answer);
-  driver->answer = cJSON_Parse(clear_text.c_str());
-  return SecureEvent::PostExecuted();
+  stage->answer.reset(cJSON_Parse(clear_text.c_str()));
 }
 
 void AddressInfo::PostExecutedFinal(const char* text) {
@@ -190,9 +174,9 @@ void AddressInfo::PostExecutedFinal(const char* text) {
   const cJSON* current = cJSON_GetObjectItemCaseSensitive(document.get(), kCurrentRomName.c_str());
   const bool current_missing = current == nullptr || cJSON_IsNull(current);
 
-  driver->romState = 2;
+  stage->romState = 2;
   if (latest != nullptr && !cJSON_IsArray(latest)) {
-    driver->romState = 0;
+    stage->romState = 0;
     document = handle_latestrom_to_dir(std::move(document));
     return;
   }

@@ -14,18 +14,20 @@
 #include "common/unique_file.h"
 #include "request/secure_event.h"
 
-class AddressInfo : public SecureEvent {
+class AddressInfo : public NetworkTask<AddressInfo> {
  public:
   AddressInfo();
-  ~AddressInfo() override;
 
   void run() override;
   std::string getDescriptor() override;
   int PreExecuted() override;
   int OnExecuted() override;
-  int PostExecuted() override;
   // Interprets the clear answer: lays out the offered ROM, or records that there is none.
   void PostExecutedFinal(const char* text);
+
+ protected:
+  // Deciphers the answer (or takes the recorded one) and lays it out.
+  void ProcessResponse() override;
 
  private:
   // The raw answer as the transfer writes it.

@@ -17,12 +17,11 @@
 
 #include <android-base/logging.h>
 #include <android-base/properties.h>
+#include <fcntl.h>
 #include <stdio.h>
 #include <stdlib.h>
 #include <string.h>
 #include <unistd.h>
-
-#include <memory>
 
 #include "common/url_wrapper.h"
 #include "request/bundlerun_entry.h"
@@ -32,11 +31,17 @@ namespace {
 
 constexpr char kBanner[] = "==================================================";
 
-// Closes the status channel: the write end first, then the command stream. The download's
-// command listener has ended with its task; a descriptor that could not be opened has no stream.
-void CloseStatusStreams(FILE* write_stream, FILE* read_stream) {
-  if (write_stream != nullptr) fclose(write_stream);
-  if (read_stream != nullptr) fclose(read_stream);
+// Returns |fd| when it is an open descriptor, else -1: a front end may pass a number that is
+// not open, and the download then has nobody to listen to.
+int OpenDescriptor(int fd) {
+  return fcntl(fd, F_GETFD) == -1 ? -1 : fd;
+}
+
+// Closes the status channel: the write end first, then the command stream, which the download's
+// command listener stopped reading when the download ended.
+void CloseStatusChannel(FILE* status, int commands) {
+  if (status != nullptr) fclose(status);
+  if (commands >= 0) close(commands);
 }
 
 }  // namespace
@@ -52,17 +57,17 @@ int main(int argc, char** argv) {
 
   if (argc < 2) return 0;
   const bool from_fork = strcmp(argv[1], "--run_from_fork") == 0;
-  FILE* write_stream = nullptr;
-  FILE* read_stream = nullptr;
+  // The status channel: the front end's status pipe as a stream, and its command pipe, which the
+  // download reads directly.
+  FILE* status = nullptr;
+  int commands = -1;
   if (from_fork) {
     if (argc < 5) {
       perror("argc");
       return 0;
     }
-    read_stream = fdopen(atoi(argv[4]), "r");
-    write_stream = fdopen(atoi(argv[3]), "wb");
-    gStatusReadStream = read_stream;
-    gStatusWriteStream = write_stream;
+    commands = OpenDescriptor(atoi(argv[4]));
+    status = fdopen(atoi(argv[3]), "wb");
   } else if (strcmp(argv[1], "--run_from_command") != 0) {
     printf("wrong command format %s\n", argv[1]);
     return 0;
@@ -74,18 +79,17 @@ int main(int argc, char** argv) {
       return 0;
     }
     LOG(INFO) << kBanner << " Start bundlerun run-command [" << getpid() << "]...";
-    gStatusWriteStream = stdout;
-    DownloadTask task(/*forked=*/false, stdout, nullptr);
+    DownloadTask task(/*forked=*/false, stdout, -1);
     task.run_from_command(static_cast<DownloadStatus>(argv[2][0] - '0'));
-    fclose(task.writeStream);
+    fclose(stdout);
     return 0;
   }
 
   if (strcmp(argv[2], "--first_stage") == 0) {
     LOG(INFO) << kBanner << " Start bundlerun 1st-stage [" << getpid() << "]...";
-    DownloadTask task(/*forked=*/true, write_stream, read_stream);
+    DownloadTask task(/*forked=*/true, status, commands);
     task.run_first_stage();
-    CloseStatusStreams(write_stream, read_stream);
+    CloseStatusChannel(status, commands);
     return 0;
   }
 
@@ -95,12 +99,12 @@ int main(int argc, char** argv) {
       return 0;
     }
     LOG(INFO) << kBanner << " Start bundlerun 2nd-stage [" << getpid() << "]...";
-    DownloadTask task(/*forked=*/true, write_stream, read_stream);
-    task.downloadUrl = std::make_unique<URLWrapper>(argv[5], argv[6], "", argv[7]);
-    task.run_second_stage();
-    CloseStatusStreams(write_stream, read_stream);
+    DownloadTask task(/*forked=*/true, status, commands);
+    task.run_second_stage(URLWrapper(argv[5], argv[6], "", argv[7]));
+    CloseStatusChannel(status, commands);
     return 0;
   }
 
+  // Any other stage: both ends stay open until the process ends.
   return 0;
 }

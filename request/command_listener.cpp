@@ -16,11 +16,9 @@
 
 #include <algorithm>
 
-std::atomic<int32_t> gStopFlag{0};
-
 namespace {
 
-constexpr int32_t kStopRequested = CURLE_ABORTED_BY_CALLBACK;
+static_assert(CommandListener::kStopRequested == CURLE_ABORTED_BY_CALLBACK);
 
 void Signal(int event_fd) {
   const uint64_t one = 1;
@@ -79,10 +77,7 @@ CommandListener::~CommandListener() {
 }
 
 void CommandListener::Start(int fd) {
-  if (fd < 0 || running_) return;
-  if (thread_.joinable()) thread_.join();
-  if (ended_) return;
-  running_ = true;
+  if (fd < 0 || thread_.joinable()) return;
   thread_ = std::thread(&CommandListener::Listen, this, fd);
 }
 
@@ -101,10 +96,10 @@ void CommandListener::Listen(int fd) {
   char buffer[CommandLineSplitter::kLineSize];
   while (true) {
     if (std::optional<std::string> line = splitter_.Next()) {
-      if (!Handle(*line)) break;
+      if (!Handle(*line)) return;
       continue;
     }
-    if (!WaitFor(fd)) break;
+    if (!WaitFor(fd)) return;
     const ssize_t n = TEMP_FAILURE_RETRY(read(fd, buffer, sizeof(buffer)));
     if (n > 0) {
       splitter_.Append(std::string_view(buffer, n));
@@ -112,11 +107,13 @@ void CommandListener::Listen(int fd) {
     }
     if (n < 0 && errno == EAGAIN) continue;
     // The front end closed its end (a read error ends the stream just as well).
+    if (std::optional<std::string> rest = splitter_.Finish()) {
+      if (!Handle(*rest)) return;
+    }
     ended_ = true;
-    if (std::optional<std::string> rest = splitter_.Finish()) Handle(*rest);
-    break;
+    wake_();
+    return;
   }
-  running_ = false;
 }
 
 bool CommandListener::Handle(const std::string& line) {
@@ -126,12 +123,12 @@ bool CommandListener::Handle(const std::string& line) {
     case 'p':
       pending_ = line[0];
       wake_();
-      // One command at a time: the next is read once the transfer has taken this one.
+      // One command at a time: the next is read once the download has taken this one.
       if (!WaitFor(takenEvent_.get())) return false;
       Drain(takenEvent_.get());
       return true;
     case 's':
-      gStopFlag = kStopRequested;
+      stop_ = kStopRequested;
       wake_();
       return false;
     default:

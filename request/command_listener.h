@@ -4,8 +4,8 @@
  */
 
 // The front end's commands during the download. A listener thread reads the command stream: a
-// stop raises the process-wide stop flag, and a pause or a continue is handed over to the thread
-// that runs the transfer, which alone touches the transfer's handle, applies it and answers.
+// stop raises the stop flag, and a pause or a continue is handed over to the thread that runs
+// the download, which alone touches the transfer's handle, applies it and answers.
 
 #pragma once
 
@@ -18,10 +18,6 @@
 #include <string>
 #include <string_view>
 #include <thread>
-
-// Raised to 42 by the command listener on "stop"; the progress callback returns it, so a
-// non-zero value aborts the transfer.
-extern std::atomic<int32_t> gStopFlag;
 
 // Splits the command stream into lines the way fgets with a 1024-byte buffer does: a line ends
 // after its line feed or after 1023 bytes. Each line is cut at its line feed and at its first
@@ -43,19 +39,27 @@ class CommandLineSplitter {
 
 class CommandListener {
  public:
-  // |wake| is called on the listener thread after a command was handed over or a stop raised,
-  // so that the transfer thread sees it at once.
+  // What the stop flag holds once the front end asked for a stop: the progress callback returns
+  // it, so that libcurl ends the transfer as aborted by the callback.
+  static constexpr int32_t kStopRequested = 42;
+
+  // |wake| is called on the listener thread after a command was handed over, a stop raised or
+  // the stream ended, so that the download's thread sees it at once.
   explicit CommandListener(std::function<void()> wake);
   ~CommandListener();
   CommandListener(const CommandListener&) = delete;
   CommandListener& operator=(const CommandListener&) = delete;
 
-  // Starts listening on |fd| unless a listener is running or the stream has ended: a listener
-  // that ended on "stop" is started again, so a later "stop" reaches a later transfer.
+  // Starts listening on |fd| (once; a negative |fd| means nobody sends commands).
   void Start(int fd);
-  // Returns the pause ('p') or continue ('c') command waiting for the transfer, or 0. Only the
-  // transfer thread calls this; the listener reads the next command once this has taken one.
+  // Returns the pause ('p') or continue ('c') command waiting to be applied, or 0. Only the
+  // download's thread calls this; the listener reads the next command once this took one.
   char Take();
+  // The stop flag: 0 while the download is to run on, kStopRequested once the front end asked
+  // for a stop. It is never lowered again: a stop is honoured whatever the download is doing.
+  const std::atomic<int32_t>& stopFlag() const { return stop_; }
+  // Returns true once the command stream has ended and every command before its end was taken.
+  bool StreamEnded() const { return ended_; }
   // Ends the listener thread, wherever it waits, and joins it.
   void Stop();
 
@@ -71,11 +75,8 @@ class CommandListener {
   android::base::unique_fd stopEvent_;
   android::base::unique_fd takenEvent_;
   std::thread thread_;
-  std::atomic<bool> running_{false};
-  // Set on the listener thread, read by Start() after the thread was joined.
-  bool ended_ = false;
-  // Persists across listener threads, as a stream's buffer would: what came after a "stop" is
-  // read by the next listener.
   CommandLineSplitter splitter_;
   std::atomic<char> pending_{0};
+  std::atomic<int32_t> stop_{0};
+  std::atomic<bool> ended_{false};
 };

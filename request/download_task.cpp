@@ -7,58 +7,48 @@
 
 #include "request/download_task.h"
 
-#include <android-base/logging.h>
 #include <signal.h>
 
 #include <memory>
 #include <vector>
 
 #include "request/addressinfo.h"
+#include "request/installer.h"
 #include "request/romdownload.h"
 #include "request/rominfo.h"
 #include "request/syncservertime.h"
 
-FILE* gStatusWriteStream = nullptr;
-FILE* gStatusReadStream = nullptr;
+namespace {
 
-DownloadTask::DownloadTask(bool forked, FILE* write_stream, FILE* read_stream)
-    : forked(forked), writeStream(write_stream), readStream(read_stream) {}
+// Returns a new task of the chain's number |n|.
+std::unique_ptr<SecureEvent> MakeTask(int n) {
+  switch (n) {
+    case SYNC_SERVER_TIME:
+      return std::make_unique<SyncServerTime>();
+    case ADDRESS_INFO:
+      return std::make_unique<AddressInfo>();
+    case ROM_INFO:
+      return std::make_unique<RomInfo>();
+    default:
+      return std::make_unique<RomDownload>();
+  }
+}
 
-DownloadTask::~DownloadTask() {
-  cJSON_Delete(answer);
+}  // namespace
+
+DownloadTask::DownloadTask(bool forked, FILE* status, int command_fd) {
+  stage_.status = status;
+  stage_.commandFd = forked ? command_fd : -1;
 }
 
 int DownloadTask::run_first_stage() {
-  auto sync_time = std::make_unique<SyncServerTime>();
-  auto address_info = std::make_unique<AddressInfo>();
-  auto rom_info = std::make_unique<RomInfo>();
-  sync_time->driver = this;
-  address_info->driver = this;
-  rom_info->driver = this;
-  // A front end that went away must make writes fail, not end the process.
-  signal(SIGPIPE, SIG_IGN);
-
-  sync_time->next = address_info.get();
-  sync_time->index = SYNC_SERVER_TIME;
-  address_info->next = rom_info.get();
-  address_info->index = ADDRESS_INFO;
-  rom_info->next = nullptr;
-  rom_info->index = ROM_INFO;
-  sync_time->run();
-
-  rom_info.reset();
-  address_info.reset();
-  sync_time.reset();
+  RunChain(SYNC_SERVER_TIME, ROM_INFO, ROM_INFO);
   return 0;
 }
 
-int DownloadTask::run_second_stage() {
-  auto rom_download = std::make_unique<RomDownload>();
-  rom_download->driver = this;
-  signal(SIGPIPE, SIG_IGN);
-  rom_download->next = nullptr;
-  rom_download->index = ROM_DOWNLOAD;
-  rom_download->run();
+int DownloadTask::run_second_stage(URLWrapper address) {
+  stage_.downloadUrl = std::make_unique<URLWrapper>(std::move(address));
+  RunChain(ROM_DOWNLOAD, ROM_DOWNLOAD, ROM_DOWNLOAD);
   return 0;
 }
 
@@ -67,29 +57,24 @@ int DownloadTask::run_from_command(DownloadStatus n) {
     run_updater();
     return 0;
   }
-  auto sync_time = std::make_unique<SyncServerTime>();
-  auto address_info = std::make_unique<AddressInfo>();
-  auto rom_info = std::make_unique<RomInfo>();
-  auto rom_download = std::make_unique<RomDownload>();
-  for (SecureEvent* task : std::vector<SecureEvent*>{sync_time.get(), address_info.get(),
-                                                     rom_info.get(), rom_download.get()}) {
-    task->driver = this;
-  }
-  signal(SIGPIPE, SIG_IGN);
-
-  sync_time->index = SYNC_SERVER_TIME;
-  address_info->index = ADDRESS_INFO;
-  rom_info->index = ROM_INFO;
-  rom_download->index = ROM_DOWNLOAD;
-  sync_time->next = n > SYNC_SERVER_TIME ? address_info.get() : nullptr;
-  address_info->next = n > ADDRESS_INFO ? rom_info.get() : nullptr;
-  rom_info->next = n >= ROM_DOWNLOAD ? rom_download.get() : nullptr;
-  rom_download->next = nullptr;
-  sync_time->run();
-
-  rom_download.reset();
-  rom_info.reset();
-  address_info.reset();
-  sync_time.reset();
+  // All four tasks are made; |n| says how far the chain goes (0 the server time only, 3 and
+  // above the whole chain, a negative number the first task only).
+  RunChain(SYNC_SERVER_TIME, ROM_DOWNLOAD, n);
   return 0;
+}
+
+void DownloadTask::RunChain(DownloadStatus first, DownloadStatus last, int linked_to) {
+  std::vector<std::unique_ptr<SecureEvent>> tasks;
+  for (int n = first; n <= last; ++n) {
+    tasks.push_back(MakeTask(n));
+    tasks.back()->stage = &stage_;
+    tasks.back()->index = static_cast<DownloadStatus>(n);
+  }
+  // A front end that went away must make writes fail, not end the process.
+  signal(SIGPIPE, SIG_IGN);
+  for (size_t i = 0; i + 1 < tasks.size(); ++i) {
+    if (tasks[i]->index < linked_to) tasks[i]->next = tasks[i + 1].get();
+  }
+  tasks.front()->run();
+  while (!tasks.empty()) tasks.pop_back();
 }

@@ -3,9 +3,6 @@
  * SPDX-License-Identifier: Apache-2.0
  */
 
-// The installer runner of the command mode: runs the package's installer and relays its updater
-// protocol into the log.
-
 #define LOG_TAG "DownloadTask"
 
 #include "request/installer.h"
@@ -14,6 +11,7 @@
 #include <android-base/parsedouble.h>
 #include <android-base/parseint.h>
 #include <android-base/strings.h>
+#include <android-base/unique_fd.h>
 #include <errno.h>
 #include <stdio.h>
 #include <string.h>
@@ -25,7 +23,7 @@
 #include <vector>
 
 #include "common/unique_file.h"
-#include "request/download_task.h"
+#include "request/status_channel.h"
 
 namespace {
 
@@ -61,14 +59,15 @@ void HandleUpdaterLine(const std::string& line) {
   }
 }
 
-void DownloadTask::run_updater() {
-  int pipe_fds[2];
-  if (pipe(pipe_fds) != 0) {
+void run_updater() {
+  android::base::unique_fd read_end, write_end;
+  // The write end is inherited by the installer, which is told its number.
+  if (!android::base::Pipe(&read_end, &write_end, 0)) {
     PLOG(ERROR) << "Failed to create the updater pipe";
     return;
   }
   std::vector<std::string> args = {kUpdateBinaryPath, kUpdaterApiVersion,
-                                   std::to_string(pipe_fds[1]), kUpdatePackagePath};
+                                   std::to_string(write_end.get()), kUpdatePackagePath};
   std::vector<char*> argv;
   for (std::string& arg : args) argv.push_back(arg.data());
   argv.push_back(nullptr);
@@ -77,20 +76,19 @@ void DownloadTask::run_updater() {
   fflush(stdout);
   pid_t pid = fork();
   if (pid == -1) {
-    close(pipe_fds[0]);
-    close(pipe_fds[1]);
+    PLOG(ERROR) << "Failed to fork the updater";
   } else if (pid == 0) {
     LOG(INFO) << "Here we go... the process " << getpid() << " is installing\n\n";
     umask(022);
-    close(pipe_fds[0]);
+    read_end.reset();
     fflush(stdout);
     execv(argv[0], argv.data());
     int error = errno;
     status_channel::WriteCantRun(stdout, argv[0], strerror(error));
     _exit(1);
   } else {
-    close(pipe_fds[1]);
-    UniqueFile from_child(fdopen(pipe_fds[0], "r"));
+    write_end.reset();
+    UniqueFile from_child(android::base::Fdopen(std::move(read_end), "r"));
     char buffer[kUpdaterLineSize];
     while (from_child && fgets(buffer, sizeof(buffer), from_child.get()) != nullptr) {
       HandleUpdaterLine(buffer);

@@ -19,8 +19,6 @@
 #include <string>
 
 #include "common/paths.h"
-#include "request/download_task.h"
-#include "yonda_resolver.h"
 #include "yondatools/yonda-update/dir2url.h"
 
 namespace {
@@ -36,9 +34,11 @@ constexpr char kAllowedProtocols[] = "http,https";
 constexpr int kPollTimeoutMs = 1000;
 // libcurl's receive buffer: a multi-gigabyte package arrives in fewer, larger pieces.
 constexpr long kReceiveBufferSize = 512 * 1024;
-// How far the digest may fall behind the file. A mirror faster than the digest is slowed to its
-// pace, so that the completion line follows the last byte at once.
-constexpr uint64_t kMaxDigestLag = 4 * 1024 * 1024;
+// How far the digest may fall behind the bytes this process received before the transfer is
+// held, and how far it must catch up before the transfer runs again. A mirror faster than the
+// digest is slowed to its pace, so that the completion line follows the last byte at once.
+constexpr uint64_t kMaxDigestLag = 2 * 1024 * 1024;
+constexpr uint64_t kResumeDigestLag = 1024 * 1024;
 
 int64_t SteadyNanos() {
   return std::chrono::duration_cast<std::chrono::nanoseconds>(
@@ -90,17 +90,14 @@ URLWrapper SplitRedirect(const std::string& address) {
 }
 
 RomDownload::RomDownload()
-    : digest_(kSecureUpdatePackagePath),
+    : NetworkTask(LOG_TAG, __FILE__),
       multi_(curl_multi_init()),
-      listener_([this] { curl_multi_wakeup(multi_.get()); }) {
-  EventWrapper<RomDownload>::Attach(this);
-  InitCbmap();
-}
+      digest_(kSecureUpdatePackagePath, [this] { curl_multi_wakeup(multi_.get()); }),
+      listener_([this] { curl_multi_wakeup(multi_.get()); }) {}
 
 RomDownload::~RomDownload() {
   listener_.Stop();
   RomDownload::releaseResource();
-  EventWrapper<RomDownload>::Detach(this);
 }
 
 std::string RomDownload::getDescriptor() {
@@ -108,73 +105,89 @@ std::string RomDownload::getDescriptor() {
 }
 
 void RomDownload::run() {
-  do {
-    attemptAgain_ = false;
-    Attempt();
-  } while (attemptAgain_);
-  // A redirected transfer finished before the download it led to began; its own completion is
-  // reported after that download has ended, once per redirect.
-  for (; completionsDue_ > 0; --completionsDue_) handleCurlCode(CURLE_OK)(index);
+  listener_.Start(stage->commandFd);
+  int redirected = 0;
+  while (true) {
+    ApplyCommands();
+    if (StopRequested()) return Stopped();
+    std::optional<CURLcode> outcome = Attempt();
+    if (!outcome) break;
+    if (*outcome == CURLE_OK && redirect_) {
+      ++redirected;
+      FollowRedirect();
+      continue;
+    }
+    if (*outcome == CURLE_OK) {
+      if (!AwaitDigest()) return Stopped();
+      Completed();
+      break;
+    }
+    if (*outcome == CURLE_ABORTED_BY_CALLBACK) return Stopped();
+    Retry(*outcome);
+  }
+  // Each redirected transfer completed before the download it led to began; its own completion
+  // is reported once that download has ended.
+  for (; redirected > 0; --redirected) Completed();
 }
 
-void RomDownload::Attempt() {
-  LOG(INFO) << ">> RomDownload is running...";
-  if (!driver->downloadUrl) {
+std::optional<CURLcode> RomDownload::Attempt() {
+  LogBanner();
+  if (!stage->downloadUrl) {
     // The first stage found no package address (no ROM, or no plain-HTTP mirror).
     LOG(ERROR) << ">> RomDownload has no url info!! End the RomDownload";
-    status_channel::WriteFailure(driver->writeStream, index, CURLE_URL_MALFORMAT);
-    return;
+    status_channel::WriteFailure(stage->status, index, CURLE_URL_MALFORMAT);
+    return std::nullopt;
   }
-  url = *driver->downloadUrl;
-  LOG(INFO) << ">> RomDownload url " << url.url();
+  const URLWrapper address = *stage->downloadUrl;
+  LOG(INFO) << ">> RomDownload url " << address.url();
   // A missing or broken size file means a broken layout: the conversion error ends the run.
   expectedSize = std::stoul(getFileSize(), nullptr, 10);
-  resolveName(url, EventWrapper<RomDownload>::fake_callback);
+  resolved_ = false;
+  Resolve(address);
+  if (!resolved_) return std::nullopt;  // The lookup failed; the resolver said why.
+  return static_cast<CURLcode>(Executed(stage));
 }
 
-int RomDownload::Executed(DownloadTask* task_driver) {
-  driver = task_driver;
+int RomDownload::Executed(StageRecord* task_stage) {
+  stage = task_stage;
   int code = PreExecuted();
   if (code != CURLE_OK) return code;
   return OnExecuted();
 }
 
 int RomDownload::PreExecuted() {
-  packageFile.reset(TEMP_FAILURE_RETRY(
-      open(kSecureUpdatePackagePath.c_str(), O_WRONLY | O_CREAT | O_APPEND | O_CLOEXEC, 0666)));
-  const int open_error = errno;
-  LOG(DEBUG) << ">> RomDownload::PreExecuted, updatefile=" << kSecureUpdatePackagePath;
-  // Only a front end that started the stage with pipes sends commands.
-  if (driver->forked && gStatusReadStream != nullptr) listener_.Start(fileno(gStatusReadStream));
   struct stat held;
-  if (!packageFile.ok() || fstat(packageFile.get(), &held) != 0) {
-    LOG(ERROR) << "failed to open " << kSecureUpdatePackagePath << ": " << strerror(open_error);
-    return CURLE_WRITE_ERROR;
-  }
+  CURLcode code = OpenTransferFile(kSecureUpdatePackagePath, "updatefile=", [&] {
+    packageFile.reset(TEMP_FAILURE_RETRY(
+        open(kSecureUpdatePackagePath.c_str(), O_WRONLY | O_CREAT | O_APPEND | O_CLOEXEC, 0666)));
+    return packageFile.ok() && fstat(packageFile.get(), &held) == 0;
+  });
+  if (code != CURLE_OK) return code;
   // What an earlier attempt left stays; the new body is appended after it.
   const int64_t resume_offset = held.st_size;
-  packageSize_ = held.st_size;
-  digest_.Grew(packageSize_);
+  digest_.Held(held.st_size);
 
-  CURLcode code = CurlOptions(curl)
-                      .Set(CURLOPT_ERRORBUFFER, errorBuffer)
-                      .Set(CURLOPT_HTTPHEADER, headers)
-                      .Set(CURLOPT_HEADER, 0L)
-                      .Set(CURLOPT_TCP_KEEPALIVE, 1L)
-                      .Set(CURLOPT_WRITEFUNCTION, &RomDownload::WritePackage)
-                      .Set(CURLOPT_WRITEDATA, this)
-                      .Set(CURLOPT_BUFFERSIZE, kReceiveBufferSize)
-                      .Set(CURLOPT_SSL_VERIFYPEER, 0L)
-                      .Set(CURLOPT_SSL_VERIFYHOST, 0L)
-                      .Set(CURLOPT_PROTOCOLS_STR, kAllowedProtocols)
-                      .Set(CURLOPT_REDIR_PROTOCOLS_STR, kAllowedProtocols)
-                      .result();
+  code = CurlOptions(curl)
+             .Set(CURLOPT_ERRORBUFFER, errorBuffer)
+             .Set(CURLOPT_HTTPHEADER, headers)
+             .Set(CURLOPT_HEADER, 0L)
+             .Set(CURLOPT_TCP_KEEPALIVE, 1L)
+             .Set(CURLOPT_WRITEFUNCTION, &RomDownload::WritePackage)
+             .Set(CURLOPT_WRITEDATA, this)
+             .Set(CURLOPT_BUFFERSIZE, kReceiveBufferSize)
+             .Set(CURLOPT_SSL_VERIFYPEER, 0L)
+             .Set(CURLOPT_SSL_VERIFYHOST, 0L)
+             .Set(CURLOPT_PROTOCOLS_STR, kAllowedProtocols)
+             .Set(CURLOPT_REDIR_PROTOCOLS_STR, kAllowedProtocols)
+             .result();
   if (code != CURLE_OK) return code;
 
   progress = std::make_unique<DownloadProgress>();
   progress->totalSize = static_cast<int64_t>(expectedSize);
   progress->resumeOffset = resume_offset;
   progress->sampleTime = SteadyNanos();
+  progress->status = stage->status;
+  progress->stopFlag = &listener_.stopFlag();
   return CurlOptions(curl)
       .Set(CURLOPT_XFERINFOFUNCTION, &RomDownload::xferinfo)
       .Set(CURLOPT_XFERINFODATA, progress.get())
@@ -184,9 +197,10 @@ int RomDownload::PreExecuted() {
 
 int RomDownload::xferinfo(void* record, curl_off_t, curl_off_t dlnow, curl_off_t, curl_off_t) {
   auto* state = static_cast<DownloadProgress*>(record);
+  const int32_t stop = state->stopFlag != nullptr ? state->stopFlag->load() : 0;
   const int64_t previous_sample = state->lastSample;
   state->lastNow = dlnow;
-  if (previous_sample == dlnow) return gStopFlag;
+  if (previous_sample == dlnow) return stop;
 
   const int64_t current = state->resumeOffset + dlnow;
   // Every byte is in the file as soon as it arrives; at the whole size there is nothing to say.
@@ -197,7 +211,7 @@ int RomDownload::xferinfo(void* record, curl_off_t, curl_off_t dlnow, curl_off_t
   const int32_t percent = hundredth == 0 ? 0 : static_cast<int32_t>(current / hundredth);
   if (state->lastPercent < percent) {
     LOG(DEBUG) << "[xferinfo] " << ROM_DOWNLOAD << ":p:" << percent;
-    status_channel::WriteProgress(gStatusWriteStream, percent);
+    status_channel::WriteProgress(state->status, percent);
     state->lastPercent = percent;
   }
 
@@ -207,15 +221,19 @@ int RomDownload::xferinfo(void* record, curl_off_t, curl_off_t dlnow, curl_off_t
   if (elapsed >= 1.0) {
     const auto speed =
         static_cast<uint64_t>(static_cast<double>(current - state->lastSample) / elapsed);
-    status_channel::WriteSpeed(gStatusWriteStream, speed);
+    status_channel::WriteSpeed(state->status, speed);
     state->sampleTime = now;
     state->lastSample = current;
   }
-  return gStopFlag;
+  return stop;
 }
 
 size_t RomDownload::WritePackage(char* data, size_t size, size_t count, void* task) {
   auto* self = static_cast<RomDownload*>(task);
+  if (self->paused_ || self->digest_.OwnBytesBehind() > kMaxDigestLag) {
+    self->recvPaused_ = true;
+    return CURL_WRITEFUNC_PAUSE;
+  }
   const size_t length = size * count;
   size_t written = 0;
   while (written < length) {
@@ -224,16 +242,12 @@ size_t RomDownload::WritePackage(char* data, size_t size, size_t count, void* ta
     if (n <= 0) break;
     written += n;
   }
-  self->packageSize_ += written;
-  self->digest_.Grew(self->packageSize_);
-  self->digest_.WaitUntilBehindBy(kMaxDigestLag);
+  self->digest_.Received(data, written);
   return written;
 }
 
 int RomDownload::OnExecuted() {
-  std::string target = url.url();
-  LOG(DEBUG) << ">> RomDownload::OnExecuted, url=" << target;
-  CURLcode code = curl_easy_setopt(curl, CURLOPT_URL, target.c_str());
+  CURLcode code = SetTransferUrl();
   if (code == CURLE_OK) code = Transfer();
   if (code != CURLE_OK) return code;
 
@@ -253,15 +267,30 @@ CURLcode RomDownload::Transfer() {
     LOG(ERROR) << "failed to start the transfer: " << curl_multi_strerror(attachment.result());
     return CURLE_FAILED_INIT;
   }
+  transferring_ = true;
+  recvPaused_ = false;
+  bool stopped = false;
   int running = 1;
   CURLMcode multi_code = CURLM_OK;
   while (true) {
-    ApplyCommand();
+    ApplyCommands();
+    if (StopRequested()) {
+      stopped = true;
+      break;
+    }
+    if (recvPaused_ && !paused_ && digest_.OwnBytesBehind() <= kResumeDigestLag) {
+      ResumeTransfer();
+    }
     multi_code = curl_multi_perform(multi_.get(), &running);
     if (multi_code != CURLM_OK || running == 0) break;
+    // Held for the digest: woken as soon as it has caught up.
+    if (recvPaused_ && !paused_ && !digest_.WakeWhenBehindBy(kResumeDigestLag)) continue;
     multi_code = curl_multi_poll(multi_.get(), nullptr, 0, kPollTimeoutMs, nullptr);
     if (multi_code != CURLM_OK) break;
   }
+  transferring_ = false;
+  recvPaused_ = false;
+  if (stopped) return CURLE_ABORTED_BY_CALLBACK;
   if (multi_code != CURLM_OK) {
     LOG(ERROR) << "transfer failed: " << curl_multi_strerror(multi_code);
     return CURLE_FAILED_INIT;
@@ -274,101 +303,86 @@ CURLcode RomDownload::Transfer() {
   return code;
 }
 
-void RomDownload::ApplyCommand() {
-  switch (listener_.Take()) {
-    case 'p':
-      if (curl_easy_pause(curl, CURLPAUSE_RECV) == CURLE_OK) {
-        status_channel::WriteAcknowledge(driver->writeStream, ROM_DOWNLOAD, 'p');
-      }
-      break;
-    case 'c':
-      if (curl_easy_pause(curl, CURLPAUSE_CONT) == CURLE_OK) {
-        status_channel::WriteAcknowledge(driver->writeStream, ROM_DOWNLOAD, 'c');
-      }
-      break;
-    default:
-      break;
+bool RomDownload::AwaitDigest() {
+  while (true) {
+    ApplyCommands();
+    if (StopRequested()) return false;
+    if (!digest_.WakeWhenBehindBy(0)) return true;
+    curl_multi_poll(multi_.get(), nullptr, 0, kPollTimeoutMs, nullptr);
   }
+}
+
+void RomDownload::ApplyCommands() {
+  while (const char command = listener_.Take()) {
+    if (command == 'p') {
+      paused_ = true;
+      // A transfer that has no connection yet is held by the write callback instead.
+      if (transferring_ && !recvPaused_ && curl_easy_pause(curl, CURLPAUSE_RECV) == CURLE_OK) {
+        recvPaused_ = true;
+      }
+    } else {
+      paused_ = false;
+      if (transferring_ && recvPaused_) ResumeTransfer();
+    }
+    status_channel::WriteAcknowledge(stage->status, ROM_DOWNLOAD, command);
+  }
+}
+
+void RomDownload::ResumeTransfer() {
+  // libcurl may hand the held piece over at once; the write callback can hold it again.
+  recvPaused_ = false;
+  curl_easy_pause(curl, CURLPAUSE_CONT);
+}
+
+bool RomDownload::StopRequested() const {
+  return listener_.stopFlag() != 0 || (paused_ && listener_.StreamEnded());
+}
+
+void RomDownload::Completed() {
+  dgqstub(CURLE_OK);
+  // A redirect whose new address could not be resolved leaves an attempt without a transfer:
+  // it received nothing.
+  DownloadProgress nothing;
+  DownloadProgress& record = progress ? *progress : nothing;
+  LOG(DEBUG) << "[CURLE_OK] lastsize=" << record.lastSample
+             << ", lastresume=" << record.resumeOffset << ", lastchunk=" << record.lastNow
+             << ", filetotalsize=" << record.totalSize;
+  record.lastSample = record.lastNow + record.resumeOffset;
+  LOG(INFO) << ">> Totally " << record.lastSample << " bytes downloaded";
+  if (record.lastSample == 0) {
+    status_channel::WriteFailure(stage->status, index, CURLE_GOT_NOTHING);
+    return;
+  }
+  // Whole by now: the download's own completion waited for it.
+  stage->result = digest_.Hex().value_or("");
+  status_channel::WriteComplete(stage->status, index, stage->result);
+  RunNextTask(std::to_string(index) + " is the last task, byebye");
+}
+
+void RomDownload::Stopped() {
+  dgqstub(CURLE_ABORTED_BY_CALLBACK);
+  LOG(ERROR) << " CURLE_ABORTED_BY_CALLBACK lead to download stopped";
+  status_channel::WriteStopped(stage->status, index);
+}
+
+void RomDownload::Retry(CURLcode code) {
+  dgqstub(code);
+  LOG(DEBUG) << kRule;
+  LOG(ERROR) << "Unexception(" << code << ") occurred...retry the downloading";
+  status_channel::WriteFailure(stage->status, index, code);
+  releaseResource();
+  InitResource();
 }
 
 void RomDownload::FollowRedirect() {
-  driver->downloadUrl = std::make_unique<URLWrapper>(std::move(*redirect_));
+  stage->downloadUrl = std::make_unique<URLWrapper>(std::move(*redirect_));
   redirect_.reset();
-  ++completionsDue_;
-  ScheduleAttempt();
-}
-
-void RomDownload::ScheduleAttempt() {
   releaseResource();
   InitResource();
-  attemptAgain_ = true;
-}
-
-int RomDownload::PostExecuted() {
-  LOG(DEBUG) << ">> RomDownload::PostExecuted";
-  return SecureEvent::PostExecuted();
-}
-
-OutcomeCallback RomDownload::handleCurlCode(CURLcode code) {
-  if (code == CURLE_OK && redirect_) {
-    // This transfer's outcome is recorded and reported when the download it led to has ended.
-    return [this](DownloadStatus) {
-      FollowRedirect();
-      return true;
-    };
-  }
-  dgqstub(code);
-  if (code == CURLE_OK || code == CURLE_ABORTED_BY_CALLBACK) return cbmap.at(OutcomeKey(code));
-  LOG(DEBUG) << kRule;
-  LOG(ERROR) << "Unexception(" << code << ") occurred...retry the downloading";
-  // Every other failure starts the transfer again at once, appending to what arrived.
-  return [this, code](DownloadStatus status) {
-    status_channel::WriteFailure(driver->writeStream, status, code);
-    ScheduleAttempt();
-    return true;
-  };
-}
-
-void RomDownload::InitCbmap() {
-  SecureEvent::InitCbmap();
-  SetCallback(OutcomeKey(CURLE_OK), [this](DownloadStatus status) {
-    // A redirect whose new address could not be resolved leaves an attempt without a transfer:
-    // it received nothing.
-    DownloadProgress nothing;
-    DownloadProgress& record = progress ? *progress : nothing;
-    LOG(DEBUG) << "[CURLE_OK] lastsize=" << record.lastSample
-               << ", lastresume=" << record.resumeOffset << ", lastchunk=" << record.lastNow
-               << ", filetotalsize=" << record.totalSize;
-    record.lastSample = record.lastNow + record.resumeOffset;
-    LOG(INFO) << ">> Totally " << record.lastSample << " bytes downloaded";
-    if (record.lastSample == 0) {
-      status_channel::WriteFailure(driver->writeStream, status, CURLE_GOT_NOTHING);
-      return false;
-    }
-    driver->result = digest_.Hex();
-    status_channel::WriteComplete(driver->writeStream, status, driver->result);
-    RunNextTask(std::to_string(status) + " is the last task, byebye");
-    return true;
-  });
-  SetCallback(OutcomeKey(CURLE_ABORTED_BY_CALLBACK), [this](DownloadStatus status) {
-    LOG(ERROR) << " CURLE_ABORTED_BY_CALLBACK lead to download stopped";
-    status_channel::WriteStopped(driver->writeStream, status);
-    return false;
-  });
-  SetCallback(OutcomeKey(CURLE_GOT_NOTHING), [this](DownloadStatus status) {
-    status_channel::WriteFailure(driver->writeStream, status, CURLE_GOT_NOTHING);
-    return false;
-  });
-  // Kept for completeness: handleCurlCode retries a short transfer before this is ever chosen.
-  SetCallback(OutcomeKey(CURLE_PARTIAL_FILE), [this](DownloadStatus status) {
-    status_channel::WriteFailure(driver->writeStream, status, CURLE_PARTIAL_FILE);
-    return false;
-  });
 }
 
 void RomDownload::releaseResource() {
   SecureEvent::releaseResource();
   packageFile.reset();
   progress.reset();
-  gStopFlag = 0;
 }

@@ -12,7 +12,9 @@
 #include <android-base/unique_fd.h>
 #include <curl/curl.h>
 #include <stdint.h>
+#include <stdio.h>
 
+#include <atomic>
 #include <memory>
 #include <optional>
 #include <string>
@@ -29,69 +31,94 @@ struct DownloadProgress {
   int64_t lastSample = 0;    // lastsize: absolute bytes at the last speed sample
   int64_t resumeOffset = 0;  // lastresume: what the package file held when the transfer began
   int64_t sampleTime = 0;    // steady clock of the last speed sample, in nanoseconds
+  FILE* status = nullptr;    // where the progress and speed lines go
+  // The front end's stop flag; a transfer without one is never stopped by the callback.
+  const std::atomic<int32_t>* stopFlag = nullptr;
 };
 
 // Splits a redirect address into scheme (through "://"), host and path, each cut to what the
 // download's fixed buffers hold (16, 1024 and 524288 bytes with their terminating zero).
 URLWrapper SplitRedirect(const std::string& address);
 
-class RomDownload : public SecureEvent {
+class RomDownload : public NetworkTask<RomDownload> {
  public:
   RomDownload();
   ~RomDownload() override;
 
-  // Downloads until the package is complete, the front end stops it or the address cannot be
-  // resolved. Every retry and every redirect starts a new attempt from this loop.
+  // Downloads until the package is complete, the front end stops it, or there is no address or
+  // its name does not resolve. Every retry and every redirect is one more attempt of this loop,
+  // and the outcome of each attempt is decided here.
   void run() override;
   std::string getDescriptor() override;
-  int Executed(DownloadTask* driver) override;
+  int Executed(StageRecord* stage) override;
   int PreExecuted() override;
   int OnExecuted() override;
-  int PostExecuted() override;
-  void InitCbmap() override;
   void releaseResource() override;
-  OutcomeCallback handleCurlCode(CURLcode code) override;
 
   // libcurl's transfer-info callback: progress and speed lines, and the stop flag.
   static int xferinfo(void* record, curl_off_t dltotal, curl_off_t dlnow, curl_off_t ultotal,
                       curl_off_t ulnow);
   // libcurl's write callback: appends the body to the package file and hands it to the digest.
-  // Returns the bytes written; fewer than given fails the transfer with a write error.
+  // Takes nothing while the download is paused or the digest is too far behind (libcurl keeps
+  // the piece until the transfer runs again). Returns the bytes written; fewer than given fails
+  // the transfer with a write error.
   static size_t WritePackage(char* data, size_t size, size_t count, void* task);
+
+ protected:
+  // The host is resolved; the attempt goes on in run().
+  void Resolved() override { resolved_ = true; }
 
  private:
   struct MultiCleanup {
     void operator()(CURLM* multi) const { curl_multi_cleanup(multi); }
   };
 
-  // One attempt: the address, the package size, name resolution and, from its callback, the
-  // transfer and its outcome.
-  void Attempt();
-  // Runs the transfer on this thread, applying the front end's pause and continue between
-  // libcurl's steps. Returns the transfer's CURLcode.
+  // One attempt: the address, the package size, name resolution and the transfer. Returns the
+  // transfer's outcome, or nothing when there is no address or its name did not resolve.
+  std::optional<CURLcode> Attempt();
+  // Runs the transfer on this thread, applying the front end's commands between libcurl's steps.
+  // Returns the transfer's CURLcode; a stop ends it at once as aborted by the callback.
   CURLcode Transfer();
-  // Applies a pause or continue that the command listener handed over, and answers it.
-  void ApplyCommand();
-  // Makes the redirect address the package address and schedules a new attempt on it.
+  // Waits until the digest has the whole file, answering commands meanwhile. Returns false when
+  // a stop came first.
+  bool AwaitDigest();
+  // Applies the pause and continue commands that the listener handed over, and answers each.
+  void ApplyCommands();
+  // Lets a transfer that is held in libcurl take the body again.
+  void ResumeTransfer();
+  // Returns true once the download is to stop: on the front end's "s", or when its command
+  // stream ended while the download is paused (nobody is left to continue it).
+  bool StopRequested() const;
+
+  // The outcomes. Each records its diagnostics event first.
+  // A transfer received its whole body: the completion line with the package's digest, or
+  // "3:f:52" when nothing at all came.
+  void Completed();
+  // The front end stopped the download: "3:r:s" without a line end.
+  void Stopped();
+  // Any other failure: "3:f:<code>" and the next attempt appends to what arrived.
+  void Retry(CURLcode code);
+  // A transfer was redirected: the next attempt starts on the new address.
   void FollowRedirect();
-  // Releases this attempt's transfer and schedules a new attempt.
-  void ScheduleAttempt();
 
   // The package file, opened for appending; written straight from libcurl's buffer.
   android::base::unique_fd packageFile;
-  uint64_t packageSize_ = 0;
   uint64_t expectedSize = 0;
   std::unique_ptr<DownloadProgress> progress;
 
-  // Follows the package file across every attempt of this download.
-  PackageDigest digest_;
-  // Drives the one easy handle, so that a command from the listener can wake the transfer.
+  // Drives the one easy handle, so that the listener and the digest can wake this thread.
   std::unique_ptr<CURLM, MultiCleanup> multi_;
-  // Declared after the multi handle: the listener wakes it, so it ends first.
+  // Both wake the multi handle, so they are declared after it and end before it.
+  PackageDigest digest_;
   CommandListener listener_;
+
+  // The download's state, touched only by the thread that runs it. A pause belongs to the
+  // download, not to one transfer: retries and redirects keep it.
+  bool paused_ = false;
+  // A transfer is in the multi handle, and libcurl holds it (paused) at the moment.
+  bool transferring_ = false;
+  bool recvPaused_ = false;
+  bool resolved_ = false;
   // Where the finished transfer was redirected to, until the next attempt starts there.
   std::optional<URLWrapper> redirect_;
-  bool attemptAgain_ = false;
-  // Redirected transfers whose own completion is reported once the download has ended.
-  int completionsDue_ = 0;
 };

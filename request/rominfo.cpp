@@ -9,22 +9,14 @@
 
 #include <android-base/logging.h>
 
-#include <map>
 #include <memory>
 #include <vector>
 
-#include "request/download_task.h"
-#include "yonda_resolver.h"
 #include "yondatools/yonda-dgq/dgqprotocal.h"
 #include "yondatools/yonda-update/dir2url.h"
 
-RomInfo::RomInfo() {
-  EventWrapper<RomInfo>::Attach(this);
+RomInfo::RomInfo() : NetworkTask(LOG_TAG, __FILE__) {
   InitCbmap();
-}
-
-RomInfo::~RomInfo() {
-  EventWrapper<RomInfo>::Detach(this);
 }
 
 std::string RomInfo::getDescriptor() {
@@ -32,7 +24,7 @@ std::string RomInfo::getDescriptor() {
 }
 
 void RomInfo::run() {
-  LOG(INFO) << ">> RomInfo is running...";
+  LogBanner();
   std::vector<std::string> address = handle_rom_to_url(0);
   if (address.empty()) {
     // No ROM, or no mirror the device can reach: the stage still ends with the ROM state.
@@ -41,11 +33,10 @@ void RomInfo::run() {
     return;
   }
   URLWrapper wrapper(address[0], address[1], "", address[2]);
-  LOG(DEBUG) << "RomInfo url " << wrapper.scheme << " " << wrapper.host << " " << wrapper.path;
+  LogAddress(wrapper);
   yondadgq::dgq_write_data({});
-  url = wrapper;
-  driver->downloadUrl = std::make_unique<URLWrapper>(wrapper);
-  resolveName(url, EventWrapper<RomInfo>::fake_callback);
+  stage->downloadUrl = std::make_unique<URLWrapper>(wrapper);
+  Resolve(wrapper);
 }
 
 int RomInfo::PreExecuted() {
@@ -61,21 +52,10 @@ int RomInfo::PreExecuted() {
       .result();
 }
 
-int RomInfo::OnExecuted() {
-  std::string target = url.url();
-  LOG(DEBUG) << ">> RomInfo::OnExecuted, url=" << target;
-  return Perform(target);
-}
-
-int RomInfo::PostExecuted() {
-  LOG(DEBUG) << ">> RomInfo::PostExecuted";
-  return SecureEvent::PostExecuted();
-}
-
 void RomInfo::InitCbmap() {
   SecureEvent::InitCbmap();
   SetCallback(OutcomeKey(CURLE_OK), [this](DownloadStatus status) {
-    status_channel::WriteRomState(driver->writeStream, status, driver->romState);
+    status_channel::WriteRomState(stage->status, status, stage->romState);
     RunNextTask("this is the last task, byebye");
     return true;
   });

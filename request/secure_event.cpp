@@ -9,20 +9,18 @@
 
 #include <android-base/logging.h>
 #include <arpa/inet.h>
-#include <stdlib.h>
+#include <errno.h>
+#include <string.h>
 
 #include <map>
 #include <string>
 
-#include "request/download_task.h"
 #include "yondatools/yonda-dgq/dgqprotocal.h"
 #include "yondatools/yonda-root/jsondump.h"
-#include "yondatools/yonda-root/secure_mount.h"
 #include "yondatools/yonda-update/dir2url.h"
 
 namespace {
 
-constexpr size_t kErrorBufferSize = 256;
 // inet_ntop's buffer: room for a dotted IPv4 address and its terminating zero.
 constexpr size_t kAddressTextSize = 16;
 // Where the international update host is reached when the resolver gives no host entry.
@@ -30,7 +28,18 @@ constexpr char kFixedResolve[] = BUNDLERUN_INTL_UPDATE_HOST ":80:" BUNDLERUN_FAL
 
 }  // namespace
 
-SecureEvent::SecureEvent() {
+SecureEvent::Log::Log(const SecureEvent& task, android::base::LogSeverity severity, int error)
+    : task_(task), severity_(severity), error_(error), savedErrno_(errno) {}
+
+SecureEvent::Log::~Log() {
+  if (android::base::ShouldLog(severity_, task_.logTag_)) {
+    android::base::LogMessage(task_.logFile_, __LINE__, severity_, task_.logTag_, error_).stream()
+        << text_.str();
+  }
+  errno = savedErrno_;
+}
+
+SecureEvent::SecureEvent(const char* tag, const char* file) : logTag_(tag), logFile_(file) {
   SecureEvent::InitResource();
   // During construction this installs the base entries; a task that adds its own calls its
   // InitCbmap again from its constructor.
@@ -41,8 +50,8 @@ SecureEvent::~SecureEvent() {
   SecureEvent::releaseResource();
 }
 
-int SecureEvent::Executed(DownloadTask* task_driver) {
-  driver = task_driver;
+int SecureEvent::Executed(StageRecord* task_stage) {
+  stage = task_stage;
   int code = PreExecuted();
   if (code != CURLE_OK) return code;
   code = OnExecuted();
@@ -55,10 +64,14 @@ int SecureEvent::PreExecuted() {
 }
 
 int SecureEvent::OnExecuted() {
-  return CURLE_OK;
+  CURLcode code = SetTransferUrl();
+  if (code != CURLE_OK) return code;
+  return curl_easy_perform(curl);
 }
 
 int SecureEvent::PostExecuted() {
+  Log(*this, android::base::DEBUG) << ">> " << getDescriptor() << "::PostExecuted";
+  ProcessResponse();
   report_status(getDescriptor());
   jsondump();
   LOG(DEBUG) << ">> SecureEvent::PostExecuted";
@@ -67,7 +80,7 @@ int SecureEvent::PostExecuted() {
 
 void SecureEvent::InitCbmap() {
   SetCallback(OutcomeKey(CURLE_OK), [this](DownloadStatus status) {
-    status_channel::WriteSuccess(driver->writeStream, status);
+    status_channel::WriteSuccess(stage->status, status);
     RunNextTask("this is the last task, byebye");
     return true;
   });
@@ -77,13 +90,13 @@ void SecureEvent::InitCbmap() {
     return false;
   });
   SetCallback(OutcomeKey(CURLE_OPERATION_TIMEDOUT), [this](DownloadStatus status) {
-    status_channel::WriteTimeout(driver->writeStream, status);
+    status_channel::WriteTimeout(stage->status, status);
     return false;
   });
 }
 
 void SecureEvent::InitResource() {
-  errorBuffer = static_cast<char*>(calloc(kErrorBufferSize, 1));
+  memset(errorBuffer, 0, sizeof(errorBuffer));
   curl = curl_easy_init();
 }
 
@@ -94,8 +107,7 @@ void SecureEvent::releaseResource() {
   resolveList = nullptr;
   curl_easy_cleanup(curl);
   curl = nullptr;
-  free(errorBuffer);
-  errorBuffer = nullptr;
+  memset(errorBuffer, 0, sizeof(errorBuffer));
 }
 
 void SecureEvent::dgqstub(CURLcode code) {
@@ -112,7 +124,7 @@ OutcomeCallback SecureEvent::handleCurlCode(CURLcode code) {
   if (it != cbmap.end()) return it->second;
   return [this, code](DownloadStatus status) {
     LOG(ERROR) << "in " << status << ", function for " << code << " has not been registed";
-    status_channel::WriteFailure(driver->writeStream, status, code);
+    status_channel::WriteFailure(stage->status, status, code);
     return false;
   };
 }
@@ -144,9 +156,43 @@ void SecureEvent::DnsResolveCallback(void*, int status, int, hostent* host) {
       addresses.pop_front();
     }
   }
-  int code = Executed(driver);
+  Resolved();
+}
+
+void SecureEvent::Resolved() {
+  int code = Executed(stage);
   OutcomeCallback callback = handleCurlCode(static_cast<CURLcode>(code));
   callback(index);
+}
+
+void SecureEvent::Resolve(const URLWrapper& address, ResolveCallback callback) {
+  url = address;
+  resolveName(url, callback);
+}
+
+CURLcode SecureEvent::SetTransferUrl() {
+  const std::string target = url.url();
+  Log(*this, android::base::DEBUG) << ">> " << getDescriptor() << "::OnExecuted, url=" << target;
+  return curl_easy_setopt(curl, CURLOPT_URL, target.c_str());
+}
+
+void SecureEvent::LogBanner() {
+  Log(*this, android::base::INFO) << ">> " << getDescriptor() << " is running...";
+}
+
+void SecureEvent::LogAddress(const URLWrapper& address) {
+  Log(*this, android::base::DEBUG)
+      << getDescriptor() << " url " << address.scheme << " " << address.host << " " << address.path;
+}
+
+CURLcode SecureEvent::OpenTransferFile(const std::string& path, const std::string& what,
+                                       const std::function<bool()>& open) {
+  const bool opened = open();
+  const int open_error = errno;
+  Log(*this, android::base::DEBUG) << ">> " << getDescriptor() << "::PreExecuted, " << what << path;
+  if (opened) return CURLE_OK;
+  Log(*this, android::base::ERROR, open_error) << "failed to open " << path;
+  return CURLE_WRITE_ERROR;
 }
 
 void SecureEvent::SetCallback(DownloadStatus key, OutcomeCallback callback) {
@@ -166,10 +212,4 @@ void SecureEvent::AppendStandardHeaders() {
   headers = curl_slist_append(headers, "Cache-Contorl:no-cache");
   headers = curl_slist_append(headers, "Cookie:");
   headers = curl_slist_append(headers, "Content-type:application/x-www-form-urlencoded");
-}
-
-CURLcode SecureEvent::Perform(const std::string& target) {
-  CURLcode code = curl_easy_setopt(curl, CURLOPT_URL, target.c_str());
-  if (code != CURLE_OK) return code;
-  return curl_easy_perform(curl);
 }

@@ -6,23 +6,26 @@
 // The network task base. A task resolves its host through the platform resolver, runs its three
 // steps on one libcurl easy handle (set-up, transfer, local work), turns the transfer's outcome
 // into a callback and hands over to the next task of the chain from there, so a whole stage runs
-// as one nest of calls on the main thread.
+// as one nest of calls on the main thread. A task writes only its request's options and its work
+// on the response; the steps' log lines, the transfer and the hand-over are the base's.
 
 #pragma once
 
+#include <android-base/logging.h>
 #include <curl/curl.h>
 #include <netdb.h>
 #include <stdint.h>
 
 #include <functional>
 #include <list>
+#include <sstream>
 #include <string>
 #include <unordered_map>
 
 #include "common/url_wrapper.h"
+#include "request/stage_record.h"
 #include "request/status_channel.h"
-
-class DownloadTask;
+#include "yonda_resolver.h"
 
 // What a task does with an outcome; it receives the task's index and returns true when the
 // chain went on.
@@ -35,45 +38,45 @@ constexpr DownloadStatus OutcomeKey(CURLcode code) {
 
 class SecureEvent {
  public:
-  SecureEvent();
   SecureEvent(const SecureEvent&) = delete;
   SecureEvent& operator=(const SecureEvent&) = delete;
 
   // Logs the banner, builds the task's address and starts name resolution.
   virtual void run() = 0;
-  // Returns the task's name, written to the scratch status file when it has finished.
+  // Returns the task's name: the name its log lines give, written to the scratch status file
+  // when it has finished.
   virtual std::string getDescriptor() = 0;
   // Runs PreExecuted, OnExecuted and PostExecuted; returns the first non-zero CURLcode.
-  virtual int Executed(DownloadTask* driver);
+  virtual int Executed(StageRecord* stage);
   // Sets the transfer up.
   virtual int PreExecuted();
-  // Performs the transfer.
+  // Performs the transfer on the task's address.
   virtual int OnExecuted();
-  // Does the task's work on what was received, then records the status and the dump.
+  // Does the task's work on the response, then records the status and the dump.
   virtual int PostExecuted();
   // Installs the outcome callbacks.
   virtual void InitCbmap();
   // Makes a fresh error buffer and easy handle (after releaseResource).
   virtual void InitResource();
-  // Releases the header lists, the easy handle and the error buffer.
+  // Releases the header lists and the easy handle and clears the error buffer.
   virtual void releaseResource();
   // Records the outcome as a diagnostics event.
   virtual void dgqstub(CURLcode code);
   // Returns the callback for an outcome, after recording it.
   virtual OutcomeCallback handleCurlCode(CURLcode code);
-  // Continues the task once its host is resolved: addresses, transfer, outcome callback.
+  // Continues the task once its host is resolved: addresses, then Resolved().
   virtual void DnsResolveCallback(void* arg, int status, int timeouts, hostent* host);
   virtual ~SecureEvent();
 
-  // The easy handle, its lists and its error buffer are owned raw on purpose: a retry or a
-  // redirect releases and remakes them in the middle of the task's life.
-  char* errorBuffer = nullptr;
+  // The easy handle and its lists are owned raw on purpose: a retry or a redirect releases and
+  // remakes them in the middle of the task's life.
+  char errorBuffer[CURL_ERROR_SIZE] = {};
   curl_slist* headers = nullptr;
   curl_slist* resolveList = nullptr;
   CURL* curl = nullptr;
   URLWrapper url;
-  int64_t reserved = 0;
-  DownloadTask* driver = nullptr;
+  // Lent by the driver for the task's whole life.
+  StageRecord* stage = nullptr;
   SecureEvent* next = nullptr;
   DownloadStatus index = SYNC_SERVER_TIME;
   std::unordered_map<DownloadStatus, OutcomeCallback> cbmap;
@@ -81,32 +84,92 @@ class SecureEvent {
   std::string hostHeader;
 
  protected:
+  // |tag| and |file| are the task's own: the log lines of its steps carry them.
+  SecureEvent(const char* tag, const char* file);
+
+  // One log record of the task, with the task's tag and source file, written when the line ends
+  // (at the end of the full expression). errno is kept, as every log statement keeps it.
+  class Log {
+   public:
+    // |error| >= 0 appends ": " and its system error text.
+    Log(const SecureEvent& task, android::base::LogSeverity severity, int error = -1);
+    ~Log();
+    Log(const Log&) = delete;
+    Log& operator=(const Log&) = delete;
+    template <typename T>
+    Log& operator<<(const T& value) {
+      text_ << value;
+      return *this;
+    }
+
+   private:
+    const SecureEvent& task_;
+    android::base::LogSeverity severity_;
+    int error_;
+    int savedErrno_;
+    std::ostringstream text_;
+  };
+
+  // The host is resolved: runs the transfer and the callback for its outcome.
+  virtual void Resolved();
+  // The task's work on a response that arrived, before the status and the dump are recorded.
+  virtual void ProcessResponse() {}
+  // Makes |address| the task's address and resolves its host; the resolver continues the task
+  // through |callback| before this returns.
+  void Resolve(const URLWrapper& address, ResolveCallback callback);
+
+  // Logs the transfer step with the task's address and makes it the transfer URL.
+  CURLcode SetTransferUrl();
+  // Logs ">> <name> is running...".
+  void LogBanner();
+  // Logs "<name> url <scheme> <host> <path>".
+  void LogAddress(const URLWrapper& address);
+  // Opens the transfer's file through |open| and logs the step with |what| and the path. Returns
+  // CURLE_OK, or CURLE_WRITE_ERROR with the reason logged when the file cannot be opened.
+  CURLcode OpenTransferFile(const std::string& path, const std::string& what,
+                            const std::function<bool()>& open);
   // Installs |callback| for |key|, replacing an entry that is already there.
   void SetCallback(DownloadStatus key, OutcomeCallback callback);
   // Appends the three request headers that every request of the boot environment carries.
   void AppendStandardHeaders();
   // Starts the next task of the chain, or logs |last_words| when this task is the last.
   void RunNextTask(const std::string& last_words);
-  // Sets |target| as the transfer URL and performs the transfer. Returns its CURLcode.
-  CURLcode Perform(const std::string& target);
+
+ private:
+  const char* logTag_;
+  const char* logFile_;
 };
+
+template <typename T>
+class NetworkTask;
 
 // Adapts the resolver's plain function pointer to the most recent task of class T.
 template <typename T>
 struct EventWrapper {
-  static T* instance;
+  static NetworkTask<T>* instance;
   static void fake_callback(void* arg, int status, int timeouts, hostent* host) {
     instance->DnsResolveCallback(arg, status, timeouts, host);
   }
-  // Makes |task| the one that receives resolver callbacks (a task's constructor does this).
-  static void Attach(T* task) { instance = task; }
-  // Forgets |task| when it is the one registered (a task's destructor does this).
-  static void Detach(T* task) {
-    if (instance == task) instance = nullptr;
-  }
 };
 template <typename T>
-T* EventWrapper<T>::instance = nullptr;
+NetworkTask<T>* EventWrapper<T>::instance = nullptr;
+
+// A task of class T: while it lives it is the one that receives the resolver's callbacks for T
+// (only one task of each class lives at a time).
+template <typename T>
+class NetworkTask : public SecureEvent {
+ protected:
+  NetworkTask(const char* tag, const char* file) : SecureEvent(tag, file) {
+    EventWrapper<T>::instance = this;
+  }
+  ~NetworkTask() override {
+    if (EventWrapper<T>::instance == this) EventWrapper<T>::instance = nullptr;
+  }
+  // Makes |address| the task's address and resolves its host.
+  void Resolve(const URLWrapper& address) {
+    SecureEvent::Resolve(address, EventWrapper<T>::fake_callback);
+  }
+};
 
 // Sets libcurl options in order and keeps the first failure.
 class CurlOptions {

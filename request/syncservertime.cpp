@@ -17,7 +17,6 @@
 
 #include "common/paths.h"
 #include "request/update_hosts.h"
-#include "yonda_resolver.h"
 
 namespace {
 
@@ -46,39 +45,25 @@ timeval ReadServerDate(FILE* headers) {
   return now;
 }
 
-SyncServerTime::SyncServerTime() {
-  EventWrapper<SyncServerTime>::Attach(this);
-}
-
-SyncServerTime::~SyncServerTime() {
-  EventWrapper<SyncServerTime>::Detach(this);
-}
+SyncServerTime::SyncServerTime() : NetworkTask(LOG_TAG, __FILE__) {}
 
 std::string SyncServerTime::getDescriptor() {
   return "SyncServerTime";
 }
 
-void SyncServerTime::InitCbmap() {
-  SecureEvent::InitCbmap();
-}
-
 void SyncServerTime::run() {
-  LOG(INFO) << ">> SyncServerTime is running...";
-  URLWrapper wrapper("http://", UpdateHost(), "", "");
-  LOG(DEBUG) << "SyncServerTime url " << wrapper.scheme << " " << wrapper.host << " "
-             << wrapper.path;
-  url = wrapper;
-  resolveName(url, EventWrapper<SyncServerTime>::fake_callback);
+  LogBanner();
+  URLWrapper address("http://", UpdateHost(), "", "");
+  LogAddress(address);
+  Resolve(address);
 }
 
 int SyncServerTime::PreExecuted() {
-  headerFile.reset(fopen(kTimePath.c_str(), "w+"));
-  const int open_error = errno;
-  LOG(DEBUG) << ">> SyncServerTime::PreExecuted, curl writedata=" << kTimePath;
-  if (!headerFile) {
-    LOG(ERROR) << "failed to open " << kTimePath << ": " << strerror(open_error);
-    return CURLE_WRITE_ERROR;
-  }
+  CURLcode code = OpenTransferFile(kTimePath, "curl writedata=", [this] {
+    headerFile.reset(fopen(kTimePath.c_str(), "w+"));
+    return headerFile != nullptr;
+  });
+  if (code != CURLE_OK) return code;
   AppendStandardHeaders();
   // A HEAD request: the header block is all that is wanted, and it goes into the file.
   return CurlOptions(curl)
@@ -92,14 +77,7 @@ int SyncServerTime::PreExecuted() {
       .result();
 }
 
-int SyncServerTime::OnExecuted() {
-  std::string target = url.url();
-  LOG(DEBUG) << ">> SyncServerTime::OnExecuted, url=" << target;
-  return Perform(target);
-}
-
-int SyncServerTime::PostExecuted() {
-  LOG(DEBUG) << ">> SyncServerTime::PostExecuted";
+void SyncServerTime::ProcessResponse() {
   timeval now = ReadServerDate(headerFile.get());
   int result = settimeofday(&now, nullptr);
   printf("%ld %ld ", static_cast<long>(now.tv_sec), static_cast<long>(now.tv_usec));
@@ -112,5 +90,4 @@ int SyncServerTime::PostExecuted() {
   printf("\n");
 
   android::base::SetProperty("yonda.timesync.ready", "1");
-  return SecureEvent::PostExecuted();
 }

@@ -21,17 +21,17 @@
 // -1 seconds when its date does not parse.
 timeval ReadServerDate(FILE* headers);
 
-class SyncServerTime : public SecureEvent {
+class SyncServerTime : public NetworkTask<SyncServerTime> {
  public:
   SyncServerTime();
-  ~SyncServerTime() override;
 
   void run() override;
   std::string getDescriptor() override;
   int PreExecuted() override;
-  int OnExecuted() override;
-  int PostExecuted() override;
-  void InitCbmap() override;
+
+ protected:
+  // Sets the clock from the header block and tells the boot environment it is set.
+  void ProcessResponse() override;
 
  private:
   // The response header block, kept in "/cache/yonda/time" until the task goes away.

@@ -20,6 +20,7 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <functional>
 #include <memory>
 #include <string>
 #include <vector>
@@ -149,10 +150,41 @@ TEST_F(DownloadTest, ReportsRisingPercentAndSpeedAndEndsWithTheDigest) {
   EXPECT_EQ("mirror.yonda.example", Gets()[0].host);
 }
 
-TEST_F(DownloadTest, PauseHaltsTheFileAtTheAnswerUntilContinue) {
-  Serve({"--rate", "1048576"});
+// The stage ends when the download has, whether the front end keeps its command pipe open until
+// then or closes it early.
+TEST_F(DownloadTest, StageEndsOnItsOwnWhateverTheFrontEndDoesWithItsPipe) {
+  struct Case {
+    const char* name;
+    bool empty_package;
+    bool close_commands;
+    std::string last_line;
+  } cases[] = {
+      {"complete", false, false, "3:c:" + md5_ + "\n"},
+      {"command pipe closed mid-download", false, true, "3:c:" + md5_ + "\n"},
+      {"nothing received", true, false, "3:f:52\n"},
+  };
+  for (const Case& c : cases) {
+    SCOPED_TRACE(c.name);
+    unlink(kPackage);
+    if (c.empty_package) WriteFile(std::string(harness::kMirrorDir) + kPackagePath, "");
+    Serve({"--rate", c.close_commands ? "4194304" : "0"});
+    auto child = StartDownload();
+    if (c.close_commands) {
+      ASSERT_TRUE(child->WaitForStatus(ReachedPercent(5), 30s));
+      child->CloseCommands();
+    }
+    const int status = child->WaitForExit(30s);
+    EXPECT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 0) << status << child->out();
+    EXPECT_TRUE(android::base::EndsWith(child->status(), c.last_line)) << child->status();
+  }
+}
+
+TEST_F(DownloadTest, PauseHoldsTheFileFromTheAnswerUntilContinueEveryTime) {
+  // Slow enough that the package cannot be complete before the last cycle, however long the
+  // cycles take; then the rest comes at full speed.
+  Serve({"--rate", "65536"});
   auto child = StartDownload();
-  ASSERT_TRUE(child->WaitForStatus(ReachedPercent(10), 30s));
+  ASSERT_TRUE(child->WaitForStatus(ReachedPercent(1), 30s));
   ASSERT_TRUE(child->SendCommand("pause\n"));
   ASSERT_TRUE(child->WaitForStatus(Received("3:r:p\n"), 10s));
   // Paused means paused from the answer on: the file holds still and no percent follows.
@@ -161,24 +193,11 @@ TEST_F(DownloadTest, PauseHaltsTheFileAtTheAnswerUntilContinue) {
   for (int i = 0; i < 15; ++i) child->Pump(100ms);
   EXPECT_EQ(paused_at, FileSize(kPackage));
   EXPECT_EQ(std::string::npos, child->status().find(":p:", status_at)) << child->status();
-
   ASSERT_TRUE(child->SendCommand("c\n"));
-  server_->Unthrottle();
-  Finish(*child);
-  EXPECT_NE(std::string::npos, child->status().find("3:r:c\n", status_at));
-  EXPECT_TRUE(android::base::EndsWith(child->status(), "3:c:" + md5_ + "\n"));
-  EXPECT_EQ(md5_, harness::Md5Sum(kPackage));
-  EXPECT_NE(std::string::npos, child->out().find("E:---->receive command: pause\n"));
-}
+  ASSERT_TRUE(child->WaitForStatus(Received("3:r:c\n"), 10s));
 
-TEST_F(DownloadTest, EveryPauseAndContinueIsAnsweredAndThePackageStaysWhole) {
-  // Slow enough that the package cannot be complete before the last cycle, however long the
-  // cycles take; then the rest comes at full speed.
-  Serve({"--rate", "65536"});
-  auto child = StartDownload();
-  ASSERT_TRUE(child->WaitForStatus(ReachedPercent(1), 30s));
   constexpr size_t kCycles = 2000;
-  for (size_t i = 1; i <= kCycles; ++i) {
+  for (size_t i = 2; i <= kCycles; ++i) {
     for (const char* command : {"p", "c"}) {
       const std::string answer = std::string("3:r:") + command + "\n";
       ASSERT_TRUE(child->SendCommand(std::string(command) + "\n"));
@@ -191,71 +210,167 @@ TEST_F(DownloadTest, EveryPauseAndContinueIsAnsweredAndThePackageStaysWhole) {
   EXPECT_EQ(kCycles, Count(child->status(), "3:r:c\n"));
   EXPECT_TRUE(android::base::EndsWith(child->status(), "3:c:" + md5_ + "\n"));
   EXPECT_EQ(md5_, harness::Md5Sum(kPackage));
+  EXPECT_NE(std::string::npos, child->out().find("E:---->receive command: pause\n"));
 }
 
-TEST_F(DownloadTest, StopEndsTheDownloadWithoutRetry) {
-  Serve({"--rate", "1048576"});
-  auto child = StartDownload();
-  ASSERT_TRUE(child->WaitForStatus(ReachedPercent(5), 30s));
-  ASSERT_TRUE(child->SendCommand("x\n"));
-  ASSERT_TRUE(child->SendCommand("s\n"));
+// A pause belongs to the download: one sent while the mirror is away holds the transfer that
+// starts when it is back.
+TEST_F(DownloadTest, PauseDuringAnOutageHoldsTheTransferThatFollows) {
+  auto child = StartDownload();  // Nothing listens on the mirror's port yet.
+  ASSERT_TRUE(child->WaitForStatus(Received("3:f:7\n", 5), 30s)) << child->status();
+  ASSERT_TRUE(child->SendCommand("p\n"));
+  ASSERT_TRUE(child->WaitForStatus(Received("3:r:p\n"), 10s));
+  Serve({});
+  ASSERT_TRUE(child->WaitForStatus([&](const std::string&) { return !Gets().empty(); }, 30s));
+  for (int i = 0; i < 10; ++i) child->Pump(100ms);
+  EXPECT_EQ(0, FileSize(kPackage));
+  ASSERT_TRUE(child->SendCommand("c\n"));
   Finish(*child);
-  EXPECT_TRUE(android::base::EndsWith(child->status(), "\n3:r:s")) << child->status();
-  EXPECT_EQ(std::string::npos, child->status().find(":f:"));
-  EXPECT_EQ(1u, Gets().size());
-  EXPECT_LT(FileSize(kPackage), kPackageSize);
-  EXPECT_NE(std::string::npos, child->out().find("W:RomDownload INVALID COMMAND: x\n"));
-  EXPECT_NE(std::string::npos,
-            child->out().find("E: CURLE_ABORTED_BY_CALLBACK lead to download stopped\n"));
+  EXPECT_EQ(1u, Count(child->status(), "3:r:p\n"));
+  EXPECT_EQ(1u, Count(child->status(), "3:r:c\n"));
+  EXPECT_TRUE(android::base::EndsWith(child->status(), "3:c:" + md5_ + "\n")) << child->status();
+  EXPECT_EQ(md5_, harness::Md5Sum(kPackage));
 }
 
-TEST_F(DownloadTest, StageEndsOnItsOwnWhileTheFrontEndHoldsItsCommandPipe) {
+// A stop ends the download with "3:r:s" and no further request, whatever it is doing: receiving,
+// failing attempt after attempt, or paused by a front end that then went away.
+TEST_F(DownloadTest, StopEndsTheDownloadWhateverItIsDoing) {
   struct Case {
     const char* name;
-    bool empty_package;
-    std::string last_line;
-  } cases[] = {
-      {"complete", false, "3:c:" + md5_ + "\n"},
-      {"nothing received", true, "3:f:52\n"},
+    std::function<void()> setup;  // before the download starts
+    std::function<bool(const std::string&)> ready;
+    std::vector<std::string> commands;  // then sent; none: both pipes are closed instead
+    std::string log;                    // a line the download logged before the stop
   };
+  auto throttled = [this] { Serve({"--rate", "1048576"}); };
+  auto unopenable = [this] {
+    Serve({});
+    ASSERT_EQ(0, mkdir(kPackage, 0755));
+  };
+  std::vector<Case> cases = {
+      {"receiving",
+       throttled,
+       ReachedPercent(5),
+       {"x\n", "s\n"},
+       "W:RomDownload INVALID COMMAND: x\n"},
+      {"paused, then the front end goes away",
+       throttled,
+       ReachedPercent(5),
+       {},
+       "E:---->receive command: p\n"},
+  };
+  // A stop that arrives while attempts fail is lost in a race, if it is lost: each a few times.
+  for (int round = 0; round < 3; ++round) {
+    cases.push_back({"connections refused",
+                     [] {},
+                     Received("3:f:7\n", 50),
+                     {"s\n"},
+                     "E:Unexception(7) occurred...retry the downloading\n"});
+    cases.push_back({"package file cannot be opened",
+                     unopenable,
+                     Received("3:f:23\n", 50),
+                     {"s\n"},
+                     "E:failed to open /tmp/secure_update.zip: Is a directory\n"});
+  }
   for (const Case& c : cases) {
     SCOPED_TRACE(c.name);
-    unlink(kPackage);
-    if (c.empty_package) WriteFile(std::string(harness::kMirrorDir) + kPackagePath, "");
-    Serve({});
+    server_.reset();
+    system("rm -rf /tmp/secure_update.zip");
+    c.setup();
     auto child = StartDownload();
-    const int status = child->WaitForExit(30s);
-    EXPECT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 0) << status << child->out();
-    EXPECT_TRUE(android::base::EndsWith(child->status(), c.last_line)) << child->status();
+    ASSERT_TRUE(child->WaitForStatus(c.ready, 60s)) << child->status();
+    const auto acted = std::chrono::steady_clock::now();
+    if (c.commands.empty()) {
+      ASSERT_TRUE(child->SendCommand("p\n"));
+      ASSERT_TRUE(child->WaitForStatus(Received("3:r:p\n"), 10s));
+      child->CloseCommands();
+      child->CloseStatus();
+    }
+    for (const std::string& command : c.commands) ASSERT_TRUE(child->SendCommand(command));
+    const size_t gets = server_ ? Gets().size() : 0;
+    Finish(*child, 10s);
+    EXPECT_LT(std::chrono::steady_clock::now() - acted, 2s);
+    if (!c.commands.empty()) {
+      EXPECT_TRUE(android::base::EndsWith(child->status(), "\n3:r:s")) << child->status();
+    }
+    EXPECT_NE(std::string::npos, child->out().find(c.log)) << child->out();
+    EXPECT_NE(std::string::npos,
+              child->out().find("E: CURLE_ABORTED_BY_CALLBACK lead to download stopped\n"));
+    if (server_) {
+      EXPECT_EQ(gets, Gets().size());
+    }
+    EXPECT_LT(FileSize(kPackage), kPackageSize);
   }
 }
 
-TEST_F(DownloadTest, PartialFileIsAppendedToAndCountedInThePercent) {
-  constexpr int64_t kHeld = 2 * 1024 * 1024;
-  // Throttled so that progress is reported before the package is whole.
-  Serve({"--offset", std::to_string(kHeld), "--rate", "4194304"});
-  ASSERT_EQ(0, system(("head -c " + std::to_string(kHeld) + " " + harness::kMirrorDir +
-                       kPackagePath + " > " + kPackage)
-                          .c_str()));
-  auto child = StartDownload();
-  Finish(*child);
-  std::vector<StatusRecord> records = Records(child->status());
-  ASSERT_FALSE(records.empty());
-  ASSERT_EQ('p', records[0].letter) << child->status();
-  EXPECT_GE(std::stoi(records[0].payload), 33);  // The held third counts.
-  EXPECT_EQ("3:c:" + md5_, records.back().text());
-  EXPECT_EQ(md5_, harness::Md5Sum(kPackage));
-  EXPECT_NE(std::string::npos, child->out().find("lastresume=2097152"));
+// What the package file held when the stage began counts in the percent and in the digest; a
+// package that was already whole (the front end restarted after its last byte) ends at once.
+TEST_F(DownloadTest, HeldBytesCountInThePercentAndTheDigest) {
+  for (const int64_t held : {int64_t{2 * 1024 * 1024}, kPackageSize}) {
+    SCOPED_TRACE(held);
+    // Throttled so that progress is reported before the package is whole.
+    Serve({"--offset", std::to_string(held), "--rate", "4194304"});
+    ASSERT_EQ(0, system(("head -c " + std::to_string(held) + " " + harness::kMirrorDir +
+                         kPackagePath + " > " + kPackage)
+                            .c_str()));
+    auto child = StartDownload();
+    Finish(*child);
+    std::vector<StatusRecord> records = Records(child->status());
+    ASSERT_FALSE(records.empty());
+    if (held < kPackageSize) {
+      ASSERT_EQ('p', records[0].letter) << child->status();
+      EXPECT_GE(std::stoi(records[0].payload), 33);  // The held third counts.
+    } else {
+      EXPECT_EQ(1u, records.size()) << child->status();
+    }
+    EXPECT_EQ("3:c:" + md5_, records.back().text());
+    EXPECT_EQ(md5_, harness::Md5Sum(kPackage));
+    EXPECT_NE(std::string::npos, child->out().find("lastresume=" + std::to_string(held)));
+  }
 }
 
-// A redirect chain, 50 cut connections, and the front end sending pause, continue and junk every
-// millisecond until well after the end: the package is the mirror's, byte for byte.
+// The digest of a large held file takes seconds; the front end's commands do not wait for it.
+TEST_F(DownloadTest, CommandsAreAnsweredAtOnceWhileALargeHeldFileIsHashed) {
+  constexpr int64_t kHeld = 1024 * 1024 * 1024;
+  const std::string mirror_file = std::string(harness::kMirrorDir) + kPackagePath;
+  // A sparse gigabyte in front of the package: no memory spent, but every byte hashed.
+  ASSERT_EQ(0, system(("mv " + mirror_file + " /tmp/harness/tail && truncate -s " +
+                       std::to_string(kHeld) + " " + mirror_file + " " + kPackage +
+                       " && cat /tmp/harness/tail >> " + mirror_file)
+                          .c_str()));
+  WriteFile("/tmp/download/LatestRom/filesize", std::to_string(kHeld + kPackageSize));
+  Serve({"--offset", std::to_string(kHeld), "--rate", "1048576"});
+  auto child = StartDownload();
+  ASSERT_TRUE(child->WaitForStatus(Received("3:p:"), 30s));
+  for (const char* command : {"p", "c"}) {
+    const auto sent = std::chrono::steady_clock::now();
+    ASSERT_TRUE(child->SendCommand(std::string(command) + "\n"));
+    ASSERT_TRUE(child->WaitForStatus(Received(std::string("3:r:") + command + "\n"), 10s));
+    EXPECT_LT(std::chrono::steady_clock::now() - sent, 300ms) << command;
+  }
+  server_->Unthrottle();
+  Finish(*child);
+  EXPECT_TRUE(
+      android::base::EndsWith(child->status(), "3:c:" + harness::Md5Sum(mirror_file) + "\n"))
+      << child->status();
+}
+
+// A redirect chain across hosts with several addresses, 50 cut connections, and the front end
+// sending pause, continue and junk every millisecond until well after the end: every transfer
+// goes to the address of the host it asks for, and the package is the mirror's, byte for byte.
 TEST_F(DownloadTest, CommandStormThroughDropsAndRedirectsLeavesTheSamePackage) {
+  harness::BindHosts(
+      "127.0.0.1 localhost\n"
+      "127.0.0.2 mirror.yonda.example\n"
+      "127.0.0.3 mirror.yonda.example\n"
+      "127.0.0.4 mirror2.yonda.example\n"
+      "127.0.0.5 mirror3.yonda.example\n");
   CopyPackage("/tmp/harness/mirror3", "/final/rom.zip");
-  Serve({"--redirect", std::string(kPackagePath) + "=http://mirror2.yonda.example/pkg/rom.zip",
-         "--redirect", "/pkg/rom.zip=http://mirror3.yonda.example/final/rom.zip", "--mirror",
-         "mirror3.yonda.example=/tmp/harness/mirror3", "--drop-after", "65536", "--drop-times",
-         "50"});
+  Serve(
+      {"--redirect", std::string(kPackagePath) + "=http://mirror2.yonda.example/pkg/rom.zip",
+       "--redirect", "/pkg/rom.zip=http://mirror3.yonda.example/final/rom.zip", "--mirror",
+       "mirror3.yonda.example=/tmp/harness/mirror3", "--drop-after", "65536", "--drop-times", "50"},
+      "0.0.0.0:80");
   auto child = StartDownload();
   const char* commands[] = {"p\n", "c\n", "junk\n"};
   for (size_t i = 0; child->SendCommand(commands[i % 3]) && child->running(); ++i) {
@@ -266,9 +381,21 @@ TEST_F(DownloadTest, CommandStormThroughDropsAndRedirectsLeavesTheSamePackage) {
   EXPECT_EQ(50u, Count(child->status(), "3:f:18\n")) << child->status();
   EXPECT_TRUE(android::base::EndsWith(child->status(), done + done + done)) << child->status();
   EXPECT_EQ(md5_, harness::Md5Sum(kPackage));
-  EXPECT_EQ(53u, Gets().size());  // two redirects, 50 cut transfers and the whole one
+  std::vector<harness::Request> gets = Gets();
+  ASSERT_EQ(53u, gets.size());  // two redirects, 50 cut transfers and the whole one
+  EXPECT_EQ("127.0.0.2", gets[0].local);
+  EXPECT_EQ("mirror2.yonda.example/pkg/rom.zip", gets[1].host + gets[1].path);
+  EXPECT_EQ("127.0.0.4", gets[1].local);
+  for (size_t i = 2; i < gets.size(); ++i) {
+    EXPECT_EQ("mirror3.yonda.example/final/rom.zip", gets[i].host + gets[i].path);
+    EXPECT_EQ("127.0.0.5", gets[i].local) << "connection " << i;
+  }
   EXPECT_NE(std::string::npos,
             child->out().find("E:Unexception(18) occurred...retry the downloading\n"));
+  const size_t redirected =
+      child->out().find("D:>> Redirected URL=http://mirror2.yonda.example/pkg/rom.zip\n");
+  ASSERT_NE(std::string::npos, redirected);
+  EXPECT_NE(std::string::npos, child->out().find("I:>> RomDownload is running...\n", redirected));
   EXPECT_EQ(std::string::npos, child->err().find("Sanitizer")) << child->err();
 }
 
@@ -315,50 +442,6 @@ TEST_F(DownloadTest, RedirectsAwayFromHttpFailAndAreRetried) {
     EXPECT_EQ(-1, accept(dict.get(), nullptr, nullptr));
     for (const harness::Request& r : server_->requests()) EXPECT_EQ(kPackagePath, r.path);
   }
-}
-
-TEST_F(DownloadTest, RedirectStartsAgainOnlyOnTheNewHostsAddress) {
-  harness::BindHosts(
-      "127.0.0.1 localhost\n"
-      "127.0.0.2 mirror.yonda.example\n"
-      "127.0.0.3 mirror.yonda.example\n"
-      "127.0.0.4 mirror2.yonda.example\n");
-  CopyPackage("/tmp/harness/mirror2", "/pkg/rom.zip");
-  Serve({"--redirect", std::string(kPackagePath) + "=http://mirror2.yonda.example/pkg/rom.zip",
-         "--mirror", "mirror2.yonda.example=/tmp/harness/mirror2", "--drop-after", "1048576",
-         "--drop-times", "2"},
-        "0.0.0.0:80");
-  auto child = StartDownload();
-  Finish(*child);
-  std::vector<harness::Request> gets = Gets();
-  ASSERT_EQ(4u, gets.size());
-  EXPECT_EQ("mirror.yonda.example" + std::string(kPackagePath), gets[0].host + gets[0].path);
-  EXPECT_EQ("127.0.0.2", gets[0].local);
-  for (size_t i = 1; i < gets.size(); ++i) {
-    EXPECT_EQ("mirror2.yonda.example/pkg/rom.zip", gets[i].host + gets[i].path);
-    EXPECT_EQ("127.0.0.4", gets[i].local) << "connection " << i;
-  }
-  EXPECT_EQ(md5_, harness::Md5Sum(kPackage));
-  // The download on the new address completes, then the redirected transfer does.
-  const std::string done = "3:c:" + md5_ + "\n";
-  EXPECT_TRUE(android::base::EndsWith(child->status(), done + done)) << child->status();
-  const size_t redirected =
-      child->out().find("D:>> Redirected URL=http://mirror2.yonda.example/pkg/rom.zip\n");
-  ASSERT_NE(std::string::npos, redirected);
-  EXPECT_NE(std::string::npos, child->out().find("I:>> RomDownload is running...\n", redirected));
-}
-
-TEST_F(DownloadTest, UnwritablePackageFileIsAWriteErrorAndRetried) {
-  Serve({});
-  // A read-only view of /tmp over it (files held open for writing keep the tmpfs itself busy),
-  // with what is mounted below it, such as a checkout under /tmp, still in place.
-  ASSERT_EQ(0, mount("/tmp", "/tmp", nullptr, MS_BIND | MS_REC, nullptr));
-  ASSERT_EQ(0, mount(nullptr, "/tmp", nullptr, MS_REMOUNT | MS_BIND | MS_RDONLY, nullptr));
-  auto child = StartDownload();
-  ASSERT_NE(nullptr, child);
-  ASSERT_TRUE(child->WaitForStatus(Received("3:f:23\n", 5), 30s)) << child->status();
-  EXPECT_TRUE(child->running());
-  EXPECT_NE(std::string::npos, child->out().find("E:failed to open /tmp/secure_update.zip"));
 }
 
 // Descriptor numbers that are not open leave the status streams null: written to as nowhere.

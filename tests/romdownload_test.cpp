@@ -18,7 +18,6 @@
 #include <vector>
 
 #include "request/command_listener.h"
-#include "request/download_task.h"
 
 namespace {
 
@@ -33,10 +32,10 @@ int64_t SecondsAgo(int seconds) {
 std::string Feed(DownloadProgress* state, const std::vector<int64_t>& counts) {
   char* buffer = nullptr;
   size_t size = 0;
-  gStatusWriteStream = open_memstream(&buffer, &size);
+  state->status = open_memstream(&buffer, &size);
   for (int64_t count : counts) RomDownload::xferinfo(state, 0, count, 0, 0);
-  fclose(gStatusWriteStream);
-  gStatusWriteStream = nullptr;
+  fclose(state->status);
+  state->status = nullptr;
   std::string sent(buffer, size);
   free(buffer);
   return sent;

@@ -16,12 +16,12 @@
 #include <string>
 
 #include "harness/harness.h"
-#include "request/download_task.h"
 
 namespace {
 
 class ScriptedTask : public SecureEvent {
  public:
+  ScriptedTask() : SecureEvent("ScriptedTask", __FILE__) {}
   void run() override { ++runs; }
   std::string getDescriptor() override { return "ScriptedTask"; }
   int OnExecuted() override {
@@ -36,9 +36,10 @@ TEST(SecureEventTest, FailedLookupWithAHostEntryEndsTheChainSilently) {
   char* status = nullptr;
   size_t status_size = 0;
   FILE* stream = open_memstream(&status, &status_size);
-  DownloadTask driver(true, stream, nullptr);
+  StageRecord stage;
+  stage.status = stream;
   ScriptedTask task, next;
-  task.driver = &driver;
+  task.stage = &stage;
   task.index = ADDRESS_INFO;
   task.url = URLWrapper("http://", "update.example", "", "/q");
   task.next = &next;

@@ -64,6 +64,8 @@ class Child {
   bool SendCommand(const std::string& line);
   // Closes the command pipe, as the front end does when it stops listening.
   void CloseCommands() { command_.reset(); }
+  // Closes the reading end of the status pipe, as a front end that went away does.
+  void CloseStatus() { status_.reset(); }
 
   // Everything received so far, byte for byte.
   const std::string& status() const { return status_is_stdout_ ? out_bytes_ : status_bytes_; }
