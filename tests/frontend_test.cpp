@@ -118,12 +118,7 @@ TEST_F(FrontendTest, PlainModeRunsAWholeUpdateAndRefusesAWrongPackage) {
 
 // Returns what tmux shows in the front end's pane.
 std::string Screen() {
-  std::unique_ptr<FILE, int (*)(FILE*)> pipe(popen("tmux capture-pane -p -t ui", "r"), pclose);
-  std::string text;
-  char buffer[4096];
-  size_t n;
-  while (pipe && (n = fread(buffer, 1, sizeof(buffer), pipe.get())) > 0) text.append(buffer, n);
-  return text;
+  return harness::Output("tmux capture-pane -p -t ui");
 }
 
 bool WaitForScreen(const std::string& text, std::chrono::seconds timeout) {

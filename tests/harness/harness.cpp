@@ -9,21 +9,18 @@
 #include <android-base/logging.h>
 #include <android-base/strings.h>
 #include <android-base/unique_fd.h>
-#include <arpa/inet.h>
 #include <cJSON.h>
-#include <netinet/in.h>
+#include <poll.h>
 #include <signal.h>
 #include <spawn.h>
 #include <stdio.h>
 #include <stdlib.h>
 #include <sys/mount.h>
-#include <sys/socket.h>
 #include <sys/stat.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
 #include <mutex>
-#include <thread>
 
 extern char** environ;
 
@@ -51,12 +48,15 @@ bool Exists(const std::string& path) {
   return access(path.c_str(), F_OK) == 0;
 }
 
-std::string Md5Sum(const std::string& path) {
-  std::string command = "md5sum '" + path + "'";
+std::string Output(const std::string& command) {
   std::unique_ptr<FILE, int (*)(FILE*)> pipe(popen(command.c_str(), "r"), pclose);
-  char digest[33] = {};
-  if (!pipe || fread(digest, 1, 32, pipe.get()) != 32) return "";
-  return digest;
+  std::string output;
+  if (pipe) android::base::ReadFdToString(fileno(pipe.get()), &output);
+  return output;
+}
+
+std::string Md5Sum(const std::string& path) {
+  return Output("md5sum '" + path + "'").substr(0, 32);
 }
 
 PropertyFile::PropertyFile(std::string path) : path_(std::move(path)) {}
@@ -91,13 +91,24 @@ void BindHosts(const std::string& content) {
   ASSERT_EQ(0, mount(path.c_str(), "/etc/hosts", nullptr, MS_BIND, nullptr));
 }
 
-HelperProcess::HelperProcess(const std::string& program, const std::vector<std::string>& args) {
-  std::vector<std::string> strings = {program};
+HelperProcess::HelperProcess(const std::string& program, const std::vector<std::string>& args,
+                             const std::string& ready_flag) {
+  // The child's end of the pipe is descriptor 3 there.
+  constexpr int kReadyFd = 3;
+  android::base::unique_fd write_end;
+  if (!android::base::Pipe(&ready_, &write_end)) return;
+  std::vector<std::string> strings = {program, ready_flag, std::to_string(kReadyFd)};
   strings.insert(strings.end(), args.begin(), args.end());
   std::vector<char*> argv;
   for (std::string& s : strings) argv.push_back(s.data());
   argv.push_back(nullptr);
-  if (posix_spawn(&pid_, program.c_str(), nullptr, nullptr, argv.data(), environ) != 0) pid_ = -1;
+  posix_spawn_file_actions_t actions;
+  posix_spawn_file_actions_init(&actions);
+  posix_spawn_file_actions_adddup2(&actions, write_end.get(), kReadyFd);
+  if (posix_spawn(&pid_, program.c_str(), &actions, nullptr, argv.data(), environ) != 0) {
+    pid_ = -1;
+  }
+  posix_spawn_file_actions_destroy(&actions);
 }
 
 HelperProcess::~HelperProcess() {
@@ -107,22 +118,12 @@ HelperProcess::~HelperProcess() {
   }
 }
 
-bool HelperProcess::WaitForPort(int port, std::chrono::milliseconds timeout) {
-  auto deadline = std::chrono::steady_clock::now() + timeout;
-  while (std::chrono::steady_clock::now() < deadline) {
-    android::base::unique_fd sock(socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0));
-    sockaddr_in addr{};
-    addr.sin_family = AF_INET;
-    addr.sin_port = htons(port);
-    addr.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-    if (connect(sock.get(), reinterpret_cast<sockaddr*>(&addr), sizeof(addr)) == 0) return true;
-    if (pid_ > 0 && waitpid(pid_, nullptr, WNOHANG) == pid_) {
-      pid_ = -1;
-      return false;
-    }
-    std::this_thread::sleep_for(20ms);
-  }
-  return false;
+bool HelperProcess::WaitReady(std::chrono::milliseconds timeout) {
+  pollfd ready = {ready_.get(), POLLIN, 0};
+  char answer[16] = {};
+  return pid_ > 0 && TEMP_FAILURE_RETRY(poll(&ready, 1, timeout.count())) == 1 &&
+         TEMP_FAILURE_RETRY(read(ready_.get(), answer, sizeof(answer) - 1)) > 0 &&
+         std::string(answer) == "ready\n";
 }
 
 std::string Request::header(const std::string& name) const {
@@ -137,8 +138,8 @@ UpdateServer::UpdateServer(const std::vector<std::string>& args, const std::stri
   unlink(kRequestLog);  // Each server starts a fresh record.
   std::vector<std::string> all = {"--listen", listen, "--log", kRequestLog};
   all.insert(all.end(), args.begin(), args.end());
-  process_ = std::make_unique<HelperProcess>(UPDATE_SERVER_BIN, all);
-  ok_ = process_->WaitForPort(80);
+  process_ = std::make_unique<HelperProcess>(UPDATE_SERVER_BIN, all, "--ready-fd");
+  ok_ = process_->WaitReady();
 }
 
 void UpdateServer::Unthrottle() {
@@ -256,6 +257,12 @@ std::unique_ptr<bundlerun_parent::Child> SandboxTest::StartRaw(
     const std::vector<std::string>& args) {
   auto child = bundlerun_parent::Child::StartRaw(BUNDLERUN_BIN, args, {props_.env()});
   EXPECT_NE(nullptr, child);
+  return child;
+}
+
+std::unique_ptr<bundlerun_parent::Child> SandboxTest::RunRaw(const std::vector<std::string>& args) {
+  auto child = StartRaw(args);
+  Finish(*child);
   return child;
 }
 

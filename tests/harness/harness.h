@@ -8,6 +8,7 @@
 
 #pragma once
 
+#include <android-base/unique_fd.h>
 #include <gtest/gtest.h>
 #include <sys/types.h>
 
@@ -34,6 +35,8 @@ void RequireSandbox();
 std::string ReadFile(const std::string& path);
 void WriteFile(const std::string& path, const std::string& content);
 bool Exists(const std::string& path);
+// Returns what the shell command |command| writes on standard output.
+std::string Output(const std::string& command);
 // Returns the lower-case MD5 of |path|, computed by the md5sum tool.
 std::string Md5Sum(const std::string& path);
 
@@ -59,17 +62,20 @@ std::string ShellProgram(const std::string& program);
 // Replaces /etc/hosts of this sandbox with |content|.
 void BindHosts(const std::string& content);
 
-// A helper process (a server) that is killed when this goes away.
+// A helper process (a server) that is killed when this goes away. It is started with
+// |ready_flag| and the number of a pipe on which it says when it is ready.
 class HelperProcess {
  public:
-  HelperProcess(const std::string& program, const std::vector<std::string>& args);
+  HelperProcess(const std::string& program, const std::vector<std::string>& args,
+                const std::string& ready_flag);
   ~HelperProcess();
-  // Waits until something accepts connections on 127.0.0.1:|port|.
-  bool WaitForPort(int port, std::chrono::milliseconds timeout = 10s);
+  // Waits until the process said it is ready; false when it ended or |timeout| passed first.
+  bool WaitReady(std::chrono::milliseconds timeout = 10s);
   pid_t pid() const { return pid_; }
 
  private:
   pid_t pid_ = -1;
+  android::base::unique_fd ready_;
 };
 
 // One request as the update server logged it.
@@ -121,6 +127,8 @@ class SandboxTest : public ::testing::Test {
                                                       const std::vector<std::string>& args = {});
   std::unique_ptr<bundlerun_parent::Child> StartCommand(const std::string& number);
   std::unique_ptr<bundlerun_parent::Child> StartRaw(const std::vector<std::string>& args);
+  // Runs bundlerun with exactly |args| to its end, checking that it exited with status 0.
+  std::unique_ptr<bundlerun_parent::Child> RunRaw(const std::vector<std::string>& args);
   // Sets the properties of a complete device (every fact of the update query).
   void UseFullDevice();
   // Runs |child| to its end and checks that it exited with status 0.

@@ -11,6 +11,7 @@
 #include <stdio.h>
 #include <string.h>
 #include <time.h>
+#include <unistd.h>
 
 #include <chrono>
 #include <fstream>
@@ -151,13 +152,22 @@ int main(int argc, char** argv) {
             request.get_header_value("Host").c_str(), request.path.c_str(), response.status);
   });
 
+  mirror.SetVanish([&server] { server.stop(); });
   if (!server.bind_to_port(options.address.c_str(), options.port)) {
     fprintf(stderr, "bundlerun-update-server: cannot listen on %s:%d: %s\n",
             options.address.c_str(), options.port, strerror(errno));
     return 1;
   }
+  // Connections are queued from here on: whoever waits for the server may go on.
+  if (options.ready_fd >= 0) {
+    static constexpr char kReady[] = "ready\n";
+    TEMP_FAILURE_RETRY(write(options.ready_fd, kReady, sizeof(kReady) - 1));
+    close(options.ready_fd);
+  }
   std::thread stopper(HandleSignals, &server, &mirror, stop_signals);
-  stopper.detach();
   server.listen_after_bind();
+  // However the server stopped, the signal thread ends with it.
+  pthread_kill(stopper.native_handle(), SIGTERM);
+  stopper.join();
   return 0;
 }

@@ -12,6 +12,7 @@
 #include <algorithm>
 #include <chrono>
 #include <memory>
+#include <optional>
 #include <thread>
 #include <vector>
 
@@ -28,6 +29,7 @@ struct Transfer {
   uint64_t start = 0;    // resume position the body starts at
   uint64_t length = 0;   // bytes announced in Content-Length
   uint64_t drop_at = 0;  // bytes after which the connection is cut; 0: never
+  bool vanish = false;   // the server goes away with the cut
   // When the next chunk of a throttled body is due.
   std::chrono::steady_clock::time_point due = std::chrono::steady_clock::now();
   ~Transfer() {
@@ -37,7 +39,7 @@ struct Transfer {
   // Sends the next chunk at |offset| of the body; returns false to end the connection.
   bool Next(size_t offset, httplib::DataSink& sink) {
     if (drop_at != 0 && offset >= drop_at) {
-      mirror->OnDropped(file, start + drop_at);
+      mirror->OnDropped(file, start + drop_at, vanish);
       return false;
     }
     const uint64_t rate = mirror->rate();
@@ -75,16 +77,37 @@ uint64_t Mirror::ResumePosition(const std::string& file) {
   return it == positions_.end() ? options_.offset : it->second;
 }
 
-bool Mirror::ShouldDrop(const std::string& file) {
+uint64_t Mirror::CutAt(const std::string& file, uint64_t start, uint64_t end, bool* vanish) {
   std::lock_guard<std::mutex> guard(lock_);
-  if (options_.drop_after == 0) return false;
-  return options_.drop_times == 0 || dropped_[file] < options_.drop_times;
+  *vanish = false;
+  uint64_t cut = 0;
+  if (options_.drop_after != 0 && start + options_.drop_after < end &&
+      (options_.drop_times == 0 || dropped_[file] < options_.drop_times)) {
+    cut = options_.drop_after;
+  }
+  for (uint64_t offset : options_.drop_at) {
+    if (offset > start && offset < end && !offsetsCut_.count(offset) &&
+        (cut == 0 || offset - start < cut)) {
+      cut = offset - start;
+    }
+  }
+  const std::optional<uint64_t>& away = options_.vanish_at;
+  if (away && *away > start && *away < end && (cut == 0 || *away - start <= cut)) {
+    cut = *away - start;
+    *vanish = true;
+  }
+  return cut;
 }
 
-void Mirror::OnDropped(const std::string& file, uint64_t position) {
-  std::lock_guard<std::mutex> guard(lock_);
-  positions_[file] = position;
-  ++dropped_[file];
+void Mirror::OnDropped(const std::string& file, uint64_t position, bool vanish) {
+  {
+    std::lock_guard<std::mutex> guard(lock_);
+    positions_[file] = position;
+    ++dropped_[file];
+    offsetsCut_.insert(position);
+  }
+  // Nothing more is accepted before the device sees this connection end.
+  if (vanish && vanish_) vanish_();
 }
 
 void Mirror::OnCompleted(const std::string& file) {
@@ -125,8 +148,8 @@ void Mirror::Serve(const httplib::Request& request, httplib::Response& response)
   transfer->file = file;
   transfer->start = std::min(ResumePosition(file), size);
   transfer->length = size - transfer->start;
-  if (request.method == "GET" && ShouldDrop(file) && transfer->length > options_.drop_after) {
-    transfer->drop_at = options_.drop_after;
+  if (request.method == "GET") {
+    transfer->drop_at = CutAt(file, transfer->start, size, &transfer->vanish);
   }
   response.set_content_provider(transfer->length, "application/zip",
                                 [transfer](size_t offset, size_t, httplib::DataSink& sink) {

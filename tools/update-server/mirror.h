@@ -12,8 +12,10 @@
 #include <stdint.h>
 
 #include <atomic>
+#include <functional>
 #include <map>
 #include <mutex>
+#include <set>
 #include <string>
 
 #include "options.h"
@@ -25,8 +27,8 @@ class Mirror {
   // Answers a GET or HEAD of a package path.
   void Serve(const httplib::Request& request, httplib::Response& response);
 
-  // Called by a transfer that stopped after |sent| bytes of |file| (from its resume position).
-  void OnDropped(const std::string& file, uint64_t position);
+  // Called by a transfer that was cut at |position| of |file|; |vanish|: the server goes away.
+  void OnDropped(const std::string& file, uint64_t position, bool vanish);
   // Called by a transfer that sent |file| to its end.
   void OnCompleted(const std::string& file);
 
@@ -34,18 +36,23 @@ class Mirror {
   uint64_t rate() const { return rate_; }
   // Serves every body unthrottled from now on.
   void Unthrottle() { rate_ = 0; }
+  // |vanish| makes the server stop listening; called before the transfer's connection closes.
+  void SetVanish(std::function<void()> vanish) { vanish_ = std::move(vanish); }
 
  private:
   // Returns the directory that serves |host|, or an empty string.
   std::string DirectoryFor(const std::string& host) const;
   // Returns where the next transfer of |file| starts.
   uint64_t ResumePosition(const std::string& file);
-  // Returns whether the next transfer of |file| is to be cut.
-  bool ShouldDrop(const std::string& file);
+  // Returns how many bytes into a transfer of |file| from |start| to |end| it is to be cut, and
+  // whether the server then goes away; 0: never.
+  uint64_t CutAt(const std::string& file, uint64_t start, uint64_t end, bool* vanish);
 
   const ServerOptions& options_;
   std::mutex lock_;
   std::map<std::string, uint64_t> positions_;
   std::map<std::string, uint64_t> dropped_;  // transfers cut so far, per file
+  std::set<uint64_t> offsetsCut_;            // the --drop-at offsets that cut a transfer
   std::atomic<uint64_t> rate_;
+  std::function<void()> vanish_;
 };

@@ -19,6 +19,8 @@ General
   --log FILE             append one JSON line per request received: method, path, host, the
                          local address it arrived at, headers, body, and for the update query
                          the form and the clear query
+  --ready-fd FD          write "ready" and a line feed to descriptor FD and close it once the
+                         server accepts connections
   --delay PATH=MS        wait MS milliseconds before answering requests for PATH ("*": every
                          path); repeatable
 
@@ -46,6 +48,9 @@ Package mirror: GET and HEAD of any other path
                          the next request of that file gets the rest of it
   --drop-times K         cut the first K transfers of each file instead of only the first
   --drop-always          cut every transfer of each file
+  --drop-at OFFSET       close the connection of the transfer that reaches byte OFFSET of its
+                         file, once; the next request gets the rest (repeatable)
+  --vanish-at OFFSET     like --drop-at, and then go away: stop listening and exit (status 0)
   --redirect PATH=URL    answer GET and HEAD of PATH with 302, "Location: URL" and an empty body
                          (repeatable)
   --not-found PATH       answer PATH with 404 (repeatable)
@@ -112,6 +117,9 @@ bool ParseOptions(int argc, char** argv, ServerOptions* options, bool* help, std
       options->port = static_cast<int>(number);
     } else if (flag == "--log") {
       options->log_path = value;
+    } else if (flag == "--ready-fd") {
+      ok = ParseNumber(value, &number) && number < 1024;
+      options->ready_fd = static_cast<int>(number);
     } else if (flag == "--delay") {
       ok = SplitPair(value, "=", &key, &rest) && ParseNumber(rest, &number);
       options->delays_ms[key] = static_cast<int>(number);
@@ -136,6 +144,12 @@ bool ParseOptions(int argc, char** argv, ServerOptions* options, bool* help, std
       ok = ParseNumber(value, &options->drop_after);
     } else if (flag == "--drop-times") {
       ok = ParseNumber(value, &options->drop_times) && options->drop_times > 0;
+    } else if (flag == "--drop-at") {
+      ok = ParseNumber(value, &number) && number > 0;
+      options->drop_at.push_back(number);
+    } else if (flag == "--vanish-at") {
+      ok = ParseNumber(value, &number) && number > 0;
+      options->vanish_at = number;
     } else if (flag == "--redirect") {
       ok = SplitPair(value, "=", &key, &rest);
       options->redirects[key] = rest;

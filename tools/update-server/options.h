@@ -18,6 +18,7 @@ struct ServerOptions {
   std::string address = "127.0.0.1";
   int port = 80;
   std::string log_path;
+  int ready_fd = -1;                     // told "ready" once the server listens
   std::map<std::string, int> delays_ms;  // path ("*" for every path) to delay
 
   // Server time.
@@ -35,8 +36,10 @@ struct ServerOptions {
   std::map<std::string, std::string> mirrors;  // Host header to directory
   uint64_t rate = 0;                           // bytes per second; 0: unthrottled
   uint64_t offset = 0;
-  uint64_t drop_after = 0;  // 0: never
-  uint64_t drop_times = 1;  // transfers of each file that are cut; 0: every one
+  uint64_t drop_after = 0;            // 0: never
+  uint64_t drop_times = 1;            // transfers of each file that are cut; 0: every one
+  std::vector<uint64_t> drop_at;      // file offsets where a transfer is cut, once each
+  std::optional<uint64_t> vanish_at;  // file offset where the server cuts and goes away
   std::map<std::string, std::string> redirects;
   std::vector<std::string> not_found;
 };
