@@ -62,42 +62,4 @@ TEST(CipherTest, MatchesOpensslInBothDirections) {
   }
 }
 
-TEST(CipherTest, Base64AndHexEncodings) {
-  char* out = nullptr;
-  size_t len = 0;
-  ASSERT_EQ(0, base64_encode(&out, &len, "abc", 3));
-  EXPECT_STREQ("YWJj", out);
-  EXPECT_EQ(5u, len);
-  free(out);
-  ASSERT_EQ(0, base64_encode(&out, &len, "", 0));
-  EXPECT_STREQ("", out);
-  EXPECT_EQ(1u, len);
-  free(out);
-
-  ASSERT_EQ(0, base64_decode(&out, &len, "YWJjZA==", 8));
-  EXPECT_EQ("abcd", std::string(out, len));
-  free(out);
-
-  struct Case {
-    std::string text;
-    std::string printed;
-  } failures[] = {
-      {"YW*j", "failed to decode base64\n"},
-      {"YWJ", "failed to calculate base64-decode length(3)\n"},
-      {"\nYWJj", "failed to calculate base64-decode length(5)\n"},
-  };
-  for (const Case& c : failures) {
-    EXPECT_EQ(c.printed, Printed([&] {
-                EXPECT_EQ(-1, base64_decode(&out, &len, c.text.data(), c.text.size()));
-              }));
-  }
-
-  ASSERT_EQ(0, string_to_hex(&out, "\x00\xab\x7f", 3));
-  EXPECT_STREQ("00ab7f", out);
-  free(out);
-  ASSERT_EQ(0, string_to_hex(&out, "", 0));
-  EXPECT_STREQ("", out);
-  free(out);
-}
-
 }  // namespace

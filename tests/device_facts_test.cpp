@@ -124,9 +124,6 @@ TEST_F(DeviceFactsTest, FormParametersAndServerAddress) {
   EXPECT_EQ("", params["t"]);
   EXPECT_EQ("1", params["s"]);
   EXPECT_EQ(json, harness::ReadFile("/tmp/download/request.uncrypted"));
-  params.clear();
-  ASSERT_EQ(0, getUpdateUrlParams(json, unused, "x", 0, params));
-  EXPECT_EQ("2", params["s"]);
 
   props_.Set("ro.yonda.build.international", "1");
   URLWrapper url;

@@ -10,6 +10,7 @@
 #include <unistd.h>
 
 #include <atomic>
+#include <optional>
 #include <string>
 #include <thread>
 
@@ -33,12 +34,14 @@ class PropertyStoreTest : public ::testing::Test {
 TEST_F(PropertyStoreTest, ReadsBuildPropSyntaxAsTheDeviceWould) {
   const std::string v91(91, 'a');
   const std::string v92(92, 'b');
+  const std::string long_default(200, 'd');
   struct Case {
     const char* name;
-    std::string file;
+    std::optional<std::string> file;  // nothing: no file at all
     std::string key;
     std::string get;     // GetProperty(key, "dflt")
-    std::string cutils;  // property_get(key, buf, "dflt")
+    std::string cutils;  // property_get(key, buf, |cutils_default|)
+    const char* cutils_default = "dflt";
   } cases[] = {
       {"plain", "a.b=1\n", "a.b", "1", "1"},
       {"blanks around key", "  a.b =x\n", "a.b", "x", "x"},
@@ -51,26 +54,21 @@ TEST_F(PropertyStoreTest, ReadsBuildPropSyntaxAsTheDeviceWould) {
       {"prefix of another key", "a.bc=1\n", "a.b", "dflt", "dflt"},
       {"91 bytes fit", "a.b=" + v91 + "\n", "a.b", v91, v91},
       {"92 bytes are cut to 91", "a.b=" + v92 + "\n", "a.b", v92, v92.substr(0, 91)},
+      {"no file", std::nullopt, "a.b", "dflt", "dflt"},
+      {"null default", std::nullopt, "a.b", "dflt", "", nullptr},
+      {"default cut to 91", std::nullopt, "a.b", "dflt", long_default.substr(0, 91),
+       long_default.c_str()},
   };
   for (const Case& c : cases) {
     SCOPED_TRACE(c.name);
-    WriteFile(path_, c.file);
+    c.file ? WriteFile(path_, *c.file) : static_cast<void>(unlink(path_.c_str()));
     EXPECT_EQ(c.get, android::base::GetProperty(c.key, "dflt"));
     char value[PROPERTY_VALUE_MAX];
     memset(value, 'z', sizeof(value));
-    EXPECT_EQ(static_cast<int>(c.cutils.size()), property_get(c.key.c_str(), value, "dflt"));
+    EXPECT_EQ(static_cast<int>(c.cutils.size()),
+              property_get(c.key.c_str(), value, c.cutils_default));
     EXPECT_EQ(c.cutils, value);
   }
-}
-
-TEST_F(PropertyStoreTest, MissingFileAndNullDefaultGiveEmptyValues) {
-  unlink(path_.c_str());
-  EXPECT_EQ("d", android::base::GetProperty("x", "d"));
-  char value[PROPERTY_VALUE_MAX] = "junk";
-  EXPECT_EQ(0, property_get("x", value, nullptr));
-  EXPECT_STREQ("", value);
-  const std::string long_default(200, 'd');
-  EXPECT_EQ(91, property_get("x", value, long_default.c_str()));
 }
 
 TEST_F(PropertyStoreTest, SetPropertyRewritesTheFileForOtherReaders) {

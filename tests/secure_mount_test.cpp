@@ -74,20 +74,6 @@ TEST_F(SecureMountTest, RefusedWriteReportsSuccessAndLeavesTheFileAlone) {
   EXPECT_EQ("E:copy " + path + " only in test-keys\n", log.text());
 }
 
-TEST_F(SecureMountTest, WriterAndReaderReportFailuresWithErrno) {
-  LogCapture log;
-  EXPECT_EQ(-ENOENT, create_file_and_writedata("/tmp/missing/dir/file", "x"));
-  EXPECT_EQ("", open_file_and_readdata("/tmp/missing/file"));
-  EXPECT_EQ(-EISDIR, create_file_and_writedata("/tmp", "x"));
-  EXPECT_EQ(
-      "I:file in tmpfs, allow dump\n"
-      "E:failed to open file /tmp/missing/dir/file(2)No such file or directory\n"
-      "E:failed to open file/tmp/missing/file(2)No such file or directory\n"
-      "I:file in tmpfs, allow dump\n"
-      "E:failed to open file /tmp(21)Is a directory\n",
-      log.text());
-}
-
 TEST_F(SecureMountTest, WriterTruncatesJoinsWithOneSlashAndUsesMode0644) {
   umask(022);
   mkdir("/tmp/download", 0755);

@@ -66,11 +66,7 @@ struct Row {
 // Returns the hexadecimal digest that |tool| prints for |text|, cut where the device cuts it: at
 // the first zero byte.
 std::string DeviceDigest(const std::string& tool, const std::string& text) {
-  std::string command = "printf %s '" + text + "' | " + tool;
-  std::unique_ptr<FILE, int (*)(FILE*)> pipe(popen(command.c_str(), "r"), pclose);
-  char hex[129] = {};
-  fscanf(pipe.get(), "%128s", hex);
-  std::string digest = hex;
+  const std::string digest = harness::Output("printf %s '" + text + "' | " + tool).substr(0, 64);
   for (size_t i = 0; i + 1 < digest.size(); i += 2) {
     if (digest.compare(i, 2, "00") == 0) return digest.substr(0, i);
   }
@@ -214,7 +210,10 @@ TEST_F(StageTest, EachModeEndsWithItsStatusLinesAndFiles) {
       {"huge mirror list", "--first_stage", {}, huge, ok,
        {"E:update answer lists 20001 mirrors, only the first 100 are laid out\n"}, "TQ",
        {{"99/host", "https://m99.example"}, {"100", kAbsent}}},
-      {"framed answer", "--first_stage", {"--frame"}, "", ok, {}, "TQP", {{"version", "V2.0"}}},
+      {"framed answer", "--first_stage", {"--frame"}, "", ok,
+       {"I:>> Now we have V1.0\n", "I:>> Download ROM info:V2.0 - rom.zip, 1M\n",
+        "D:>> MirrorList:2\n", "I:>> \t Mirror 1:http://mirror.yonda.example/base\n"},
+       "TQP", {{"version", "V2.0"}}},
       // The query itself succeeded; there is just nothing to probe.
       {"broken base64", "--first_stage", {"--break-base64"}, "", ok,
        {"failed to use base64 to decode /cache/yonda/response.body\n"}, "TQ",
