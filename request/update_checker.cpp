@@ -114,6 +114,7 @@ int checkUpdateInfo(StringMap& params, URLWrapper& url) {
   std::string document;
   getUpdateJsonMap(0, document);
   LOG(DEBUG) << "checkUpdateInfo: clear text to upload=" << document;
+  // Built and not sent, as the device has always done: the query task sends its own headers.
   StringMap headers;
   getUpdateUrlHeader(headers);
   std::string unused;

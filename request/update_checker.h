@@ -17,13 +17,15 @@
 inline constexpr char kUpdateCipherKey[] = "bravocharlie4207";
 
 // Builds the device document (facts, fixed members and "options") as formatted JSON in |out|.
+// The integer is part of the boot environment's interface and is not used.
 int getUpdateJsonMap(int unused, std::string& out);
 
 // Fills the header entries of an update request.
 int getUpdateUrlHeader(StringMap& headers);
 
 // Writes the clear document to the scratch tree and fills the form parameters q, t and s.
-// Returns -1 when enciphering or encoding failed.
+// |unused| is part of the boot environment's interface and is not used. Returns -1 when
+// enciphering or encoding failed.
 int getUpdateUrlParams(std::string& json, std::string& unused, std::string&& t, int s,
                        StringMap& params);
 

@@ -174,8 +174,7 @@ void simple_free_json(cJSON* tree) {
 std::vector<std::string> handle_rom_to_url(int first_mirror) {
   std::string rom_dir;
   if (!android::base::Realpath(kTmpCurrentRomDir, &rom_dir)) {
-    int error = errno;
-    LOG(ERROR) << "failed to get realpath of \"" << kTmpCurrentRomDir << "\": " << strerror(error);
+    PLOG(ERROR) << "failed to get realpath of \"" << kTmpCurrentRomDir << "\"";
     return {};
   }
 
@@ -185,8 +184,7 @@ std::vector<std::string> handle_rom_to_url(int first_mirror) {
   for (int n = first_mirror;; ++n) {
     mirror_dir = rom_dir + "/" + std::to_string(n);
     if (!android::base::ReadFileToString(mirror_dir + "/" + kHostKey, &host)) {
-      int error = errno;
-      LOG(ERROR) << "failed to read host: " << strerror(error);
+      PLOG(ERROR) << "failed to read host";
       return {};
     }
     if (host.size() < 5 || host.find("https") == std::string::npos) break;
@@ -194,13 +192,11 @@ std::vector<std::string> handle_rom_to_url(int first_mirror) {
 
   std::string version, filename;
   if (!ReadRomFile(mirror_dir, rom_dir, kVersionKey, &version)) {
-    int error = errno;
-    LOG(ERROR) << "failed to read version: " << strerror(error);
+    PLOG(ERROR) << "failed to read version";
     return {};
   }
   if (!ReadRomFile(mirror_dir, rom_dir, kFilenameKey, &filename)) {
-    int error = errno;
-    LOG(ERROR) << "failed to read filename: " << strerror(error);
+    PLOG(ERROR) << "failed to read filename";
     return {};
   }
 
@@ -218,14 +214,12 @@ std::vector<std::string> handle_rom_to_url(int first_mirror) {
 std::string getFileSize() {
   std::string rom_dir;
   if (!android::base::Realpath(kTmpCurrentRomDir, &rom_dir)) {
-    int error = errno;
-    LOG(ERROR) << "failed to get realpath: " << strerror(error);
+    PLOG(ERROR) << "failed to get realpath";
     return "";
   }
   std::string size;
   if (!android::base::ReadFileToString(rom_dir + "/" + kFilesizeKey, &size)) {
-    int error = errno;
-    LOG(ERROR) << "failed to get filesize: " << strerror(error);
+    PLOG(ERROR) << "failed to get filesize";
     return "";
   }
   return size;
