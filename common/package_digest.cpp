@@ -74,7 +74,9 @@ void PackageDigest::Received(const char* data, size_t length) {
 
 uint64_t PackageDigest::OwnBytesBehind() {
   std::lock_guard<std::mutex> guard(lock_);
-  return hashed_ < ownFrom_ ? 0 : size_ - hashed_;
+  // A digest that failed catches up with nothing: nobody is to wait for it.
+  if (failed_ || hashed_ < ownFrom_) return 0;
+  return size_ - hashed_;
 }
 
 bool PackageDigest::WakeWhenBehindBy(uint64_t lag) {

@@ -43,7 +43,7 @@ class PackageDigest {
   // Hands over |length| bytes that this process received and has just appended to the file.
   void Received(const char* data, size_t length);
   // Returns how many of the bytes this process received are not hashed yet; 0 while the hashing
-  // thread is still on bytes the file held before them.
+  // thread is still on bytes the file held before them, and once hashing failed.
   uint64_t OwnBytesBehind();
   // Asks for one call of |wake| once at most |lag| bytes of the file are not hashed, or hashing
   // failed. Returns false, asking nothing, when that already holds.

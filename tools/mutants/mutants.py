@@ -208,8 +208,8 @@ MUTANTS = [
      "command line splitter cuts at 1024 bytes instead of 1023"),
     # --- package digest -------------------------------------------------------------------------
     ("digest_waits_for_held", "common/package_digest.cpp",
-     "return hashed_ < ownFrom_ ? 0 : size_ - hashed_;",
-     "return size_ - hashed_;",
+     "if (failed_ || hashed_ < ownFrom_) return 0;",
+     "if (failed_) return 0;",
      "the transfer is held while the digest reads what an earlier process left"),
     ("digest_ring_unbounded", "common/package_digest.cpp",
      "length = std::min({memoryBytes_, memory_.size() - memoryHead_, kPieceSize});",
