@@ -7,7 +7,6 @@
 
 #include <getopt.h>
 #include <stdio.h>
-#include <string.h>
 
 #include <algorithm>
 #include <string>
@@ -17,7 +16,7 @@
 
 namespace {
 
-// getopt_long's value for the table's rows is this plus the row's index.
+// getopt_long's value for the table's rows is this plus the row's index; --version has its own.
 constexpr int kFirstRowValue = 256;
 constexpr int kVersionValue = 255;
 // Help texts start in this column unless an option with its value is wider.
@@ -67,6 +66,8 @@ std::string HelpText(const DeskTool& tool) {
   return text + "\n" + tool.epilogue;
 }
 
+// Prints the name, the version and the commit of the build, then the copyright, as the tools
+// beside it on a Debian desk do.
 void PrintVersion(const char* name) {
   printf("%s %s", name, kBundlerunVersion);
   if (kBundlerunGitCommit[0] != '\0') printf(" (git %s)", kBundlerunGitCommit);
