@@ -43,7 +43,8 @@ class FrontendTest : public harness::SandboxTest {
     ASSERT_EQ(
         0,
         system(
-            (std::string(SAMPLE_ROM_MAKER) + " " + kRomZip + " " + std::to_string(mib)).c_str()));
+            (std::string(SAMPLE_ROM_MAKER) + " --size " + std::to_string(mib) + " " + kRomZip)
+                .c_str()));
     if (md5.empty()) md5 = harness::Md5Sum(kRomZip);
     WriteFile("/tmp/harness/answer.json",
               R"({"LatestRom":{"version":"V2.0","filename":"rom.zip","filesize":")" +

@@ -40,9 +40,14 @@ std::string TimeLeft(const DownloadView& view) {
   return Duration(known ? (view.total - view.bytes) / view.speed : 0, known);
 }
 
+// Returns |text| in the terminal style |sgr| ("1" bold, "2" dim) when |color| is on.
+std::string Styled(bool color, const char* sgr, const std::string& text) {
+  return color ? StringPrintf("\033[%sm%s\033[0m", sgr, text.c_str()) : text;
+}
+
 class PlainDisplay : public Display {
  public:
-  explicit PlainDisplay(bool verbose) : verbose_(verbose) {}
+  PlainDisplay(bool verbose, bool color) : verbose_(verbose), color_(color) {}
   void Section(const std::string& tag, const std::string&) override { tag_ = tag; }
   void Event(const std::string& text) override { Line(text); }
   void Log(const std::string& line) override {
@@ -63,10 +68,11 @@ class PlainDisplay : public Display {
 
  private:
   void Line(const std::string& text) {
-    printf("%s: %s\n", tag_.c_str(), text.c_str());
+    printf("%s %s\n", Styled(color_, "1", tag_ + ":").c_str(), text.c_str());
     fflush(stdout);
   }
   bool verbose_;
+  bool color_;
   std::string tag_ = "ui";
   int last_percent_ = -1;
   std::string last_state_;
@@ -74,10 +80,10 @@ class PlainDisplay : public Display {
 
 class TerminalDisplay : public Display {
  public:
-  explicit TerminalDisplay(bool verbose) : verbose_(verbose) {}
+  TerminalDisplay(bool verbose, bool color) : verbose_(verbose), color_(color) {}
   void Section(const std::string&, const std::string& title) override {
     ClearBar();
-    printf("\n\033[1m%s\033[0m\n", title.c_str());
+    printf("\n%s\n", Styled(color_, "1", title).c_str());
     fflush(stdout);
   }
   void Event(const std::string& text) override {
@@ -88,7 +94,7 @@ class TerminalDisplay : public Display {
   void Log(const std::string& line) override {
     if (!verbose_) return;
     ClearBar();
-    printf("  \033[2m%s\033[0m\n", line.c_str());
+    printf("  %s\n", Styled(color_, "2", line).c_str());
     Redraw();
   }
   void Progress(const DownloadView& view) override {
@@ -127,13 +133,14 @@ class TerminalDisplay : public Display {
     fflush(stdout);
   }
   bool verbose_;
+  bool color_;
   bool drawing_ = false;
   DownloadView view_;
 };
 
 }  // namespace
 
-std::unique_ptr<Display> Display::Create(bool terminal, bool verbose) {
-  if (terminal) return std::make_unique<TerminalDisplay>(verbose);
-  return std::make_unique<PlainDisplay>(verbose);
+std::unique_ptr<Display> Display::Create(bool terminal, bool verbose, bool color) {
+  if (terminal) return std::make_unique<TerminalDisplay>(verbose, color);
+  return std::make_unique<PlainDisplay>(verbose, color);
 }

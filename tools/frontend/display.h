@@ -25,8 +25,9 @@ struct DownloadView {
 
 class Display {
  public:
-  // |terminal|: draw for a terminal; |verbose|: show bundlerun's log lines too.
-  static std::unique_ptr<Display> Create(bool terminal, bool verbose);
+  // |terminal|: draw for a terminal; |verbose|: show bundlerun's log lines too; |color|: set
+  // titles in bold and log lines dim.
+  static std::unique_ptr<Display> Create(bool terminal, bool verbose, bool color);
   virtual ~Display() = default;
 
   // Starts a part of the update; |tag| prefixes plain lines ("stage1"), |title| heads it.

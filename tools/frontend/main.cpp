@@ -8,6 +8,7 @@
 
 #include <android-base/file.h>
 #include <android-base/parseint.h>
+#include <errno.h>
 #include <stdio.h>
 #include <stdlib.h>
 #include <string.h>
@@ -16,29 +17,34 @@
 #include <memory>
 #include <string>
 
+#include "desk_command_line.h"
 #include "display.h"
 #include "update_session.h"
 
 namespace {
 
-constexpr char kUsage[] = R"(bundlerun-ui [OPTIONS]
-Runs a whole update the way the boot environment's front end does: stage one (server time,
+constexpr char kDescription[] =
+    R"(Runs a whole update the way the boot environment's front end does: stage one (server time,
 update query, package probe), the offered ROM, stage two (the download, with p to pause, c to
 continue and s to stop), the integrity check against the ROM's md5, and the installer.
+)";
 
-  --bundlerun PATH   the bundlerun executable (default: the one installed beside this
-                     program, else the one built with it)
-  --log FILE         where bundlerun's log lines go (default /tmp/bundlerun-ui.log)
-  --verbose          show bundlerun's log lines below the events too
-  --plain            one plain line per event, even on a terminal (the default without one)
-  --stop-at PERCENT  send "stop" once the download reaches PERCENT
-  --no-install       end after the integrity check
+constexpr char kEpilogue[] =
+    R"(Keys during the download, on a terminal: p pause, c continue, s stop. Without a terminal
+the same letters may come on standard input, one per line.
 
-Keys during the download, on a terminal: p pause, c continue, s stop. Without a terminal the
-same letters may come on standard input, one per line.
+Environment:
+  NO_COLOR           when set and not empty, --color=auto draws without colour
+  BUNDLERUN_PROPERTIES
+                     the device's property file, read by bundlerun and by this program
 
-Exit status: 0 installed (or no ROM offered), 1 a stage failed, 2 the package does not match
-the ROM's md5, 3 the installer could not run, 4 the download was stopped, 64 bad usage.
+Exit status:
+  0   the update is installed, or no ROM is offered
+  1   a stage failed
+  2   the package does not match the ROM's md5
+  3   the installer could not run
+  4   the download was stopped
+  64  bad usage
 )";
 
 // Returns the bundlerun installed in this program's directory, or else the one of the build tree
@@ -48,30 +54,10 @@ std::string DefaultBundlerun() {
   return access(beside.c_str(), X_OK) == 0 ? beside : BUNDLERUN_BIN;
 }
 
-// Parses the command line; returns false on a usage error.
-bool ParseArguments(int argc, char** argv, UiOptions* options, bool* plain, bool* help) {
-  for (int i = 1; i < argc; ++i) {
-    const std::string arg = argv[i];
-    const bool has_value = i + 1 < argc;
-    if (arg == "--help" || arg == "-h") {
-      *help = true;
-    } else if (arg == "--verbose") {
-      options->verbose = true;
-    } else if (arg == "--plain") {
-      *plain = true;
-    } else if (arg == "--no-install") {
-      options->install = false;
-    } else if (arg == "--bundlerun" && has_value) {
-      options->bundlerun = argv[++i];
-    } else if (arg == "--log" && has_value) {
-      options->log_path = argv[++i];
-    } else if (arg == "--stop-at" && has_value) {
-      if (!android::base::ParseInt(argv[++i], &options->stop_at, 0, 100)) return false;
-    } else {
-      return false;
-    }
-  }
-  return true;
+// Returns whether "auto" colour is on: on a terminal, unless NO_COLOR is set and not empty.
+bool AutoColor() {
+  const char* no_color = getenv("NO_COLOR");
+  return isatty(STDOUT_FILENO) && (no_color == nullptr || no_color[0] == '\0');
 }
 
 }  // namespace
@@ -80,16 +66,57 @@ int main(int argc, char** argv) {
   UiOptions options;
   options.bundlerun = DefaultBundlerun();
   options.log_path = "/tmp/bundlerun-ui.log";
+  options.color = AutoColor();
   bool plain = false;
-  bool help = false;
-  if (!ParseArguments(argc, argv, &options, &plain, &help)) {
-    fprintf(stderr, "%s", kUsage);
-    return kUiUsage;
-  }
-  if (help) {
-    printf("%s", kUsage);
-    return 0;
-  }
+  // Options that only store their value, or a fixed one.
+  auto keep = [](std::string* target) {
+    return [=](const std::string& value, std::string*) {
+      *target = value;
+      return true;
+    };
+  };
+  auto set = [](auto* target, auto fixed) {
+    return [=](const std::string&, std::string*) {
+      *target = fixed;
+      return true;
+    };
+  };
+  const DeskTool tool = {
+      "bundlerun-ui",
+      "[OPTION]...",
+      kDescription,
+      {
+          {"bundlerun", "PATH",
+           "the bundlerun executable (default: the one installed beside this\n"
+           "program, else the one built with it)",
+           keep(&options.bundlerun)},
+          {"log", "FILE", "where bundlerun's log lines go (default /tmp/bundlerun-ui.log)",
+           keep(&options.log_path)},
+          {"verbose", nullptr, "show bundlerun's log lines below the events too",
+           set(&options.verbose, true)},
+          {"plain", nullptr,
+           "one plain line per event, even on a terminal (the default without\none)",
+           set(&plain, true)},
+          {"color", "WHEN",
+           "colour the display: never, always, or auto (the default: on a\n"
+           "terminal, unless NO_COLOR is set)",
+           [&](const std::string& value, std::string* expected) {
+             *expected = "never, always or auto";
+             if (value != "never" && value != "always" && value != "auto") return false;
+             options.color = value == "always" || (value == "auto" && AutoColor());
+             return true;
+           }},
+          {"stop-at", "PERCENT", "send \"stop\" once the download reaches PERCENT",
+           [&](const std::string& value, std::string* expected) {
+             *expected = "a whole percent from 0 to 100";
+             return android::base::ParseInt(value, &options.stop_at, 0, 100);
+           }},
+          {"no-install", nullptr, "end after the integrity check", set(&options.install, false)},
+      },
+      kEpilogue,
+  };
+  const int status = ParseDeskCommandLine(tool, argc, argv);
+  if (status >= 0) return status;
   options.terminal = !plain && isatty(STDOUT_FILENO);
 
   std::unique_ptr<FILE, int (*)(FILE*)> log(fopen(options.log_path.c_str(), "a"), fclose);
@@ -98,7 +125,8 @@ int main(int argc, char** argv) {
             strerror(errno));
     return kUiUsage;
   }
-  std::unique_ptr<Display> display = Display::Create(options.terminal, options.verbose);
+  std::unique_ptr<Display> display =
+      Display::Create(options.terminal, options.verbose, options.color);
   UpdateSession session(options, *display, log.get());
   int result = session.Run();
   display->Section("done", "Done");

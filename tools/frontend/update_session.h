@@ -14,6 +14,7 @@
 #include <string>
 
 #include "bundlerun_child.h"
+#include "desk_command_line.h"
 #include "display.h"
 #include "rom_description.h"
 
@@ -24,13 +25,14 @@ enum UiExit {
   kUiPackageMismatch = 2,  // the package's digest is not the ROM's
   kUiInstallFailed = 3,    // the installer could not run
   kUiStopped = 4,          // the download was stopped on request
-  kUiUsage = 64,
+  kUiUsage = kExitUsage,  // the command line cannot be used
 };
 
 struct UiOptions {
   std::string bundlerun;
   std::string log_path;
   bool terminal = false;
+  bool color = false;
   bool verbose = false;
   bool install = true;
   int stop_at = -1;  // send "stop" once the download reaches this percent

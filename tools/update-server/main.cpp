@@ -4,7 +4,7 @@
  */
 
 // bundlerun-update-server: the update server and package mirrors of a device, on a desk.
-// See kUsage (options.cpp) or --help.
+// See --help (options.cpp).
 
 #include <httplib.h>
 #include <signal.h>
@@ -70,23 +70,15 @@ void HandleSignals(httplib::Server* server, Mirror* mirror, sigset_t signals) {
 
 int main(int argc, char** argv) {
   ServerOptions options;
-  bool help = false;
-  std::string error;
-  if (!ParseOptions(argc, argv, &options, &help, &error)) {
-    fprintf(stderr, "bundlerun-update-server: %s\n\n%s", error.c_str(), kUsage);
-    return 2;
-  }
-  if (help) {
-    fputs(kUsage, stdout);
-    return 0;
-  }
+  const int status = ParseOptions(argc, argv, &options);
+  if (status >= 0) return status;
   std::optional<std::string> answer;
   if (!options.answer_path.empty()) {
     answer = ReadWholeFile(options.answer_path);
     if (!answer) {
       fprintf(stderr, "bundlerun-update-server: cannot read %s: %s\n", options.answer_path.c_str(),
               strerror(errno));
-      return 2;
+      return 1;
     }
   }
 

@@ -7,56 +7,25 @@
 
 #include <stdlib.h>
 
-#include <functional>
-
-const char kUsage[] = R"(bundlerun-update-server [OPTIONS]
-Plays the update server and the package mirrors of a device on a desk. It answers every request
-whatever its Host header (the hosts file of the sandbox points the update hosts and the mirror
-names here).
-
-General
-  --listen ADDR:PORT     address to listen on (default 127.0.0.1:80)
-  --log FILE             append one JSON line per request received: method, path, host, the
-                         local address it arrived at, headers, body, and for the update query
-                         the form and the clear query
-  --ready-fd FD          write "ready" and a line feed to descriptor FD and close it once the
-                         server accepts connections
-  --delay PATH=MS        wait MS milliseconds before answering requests for PATH ("*": every
-                         path); repeatable
-
-Server time: HEAD and GET of "/"
-  --date TEXT            value of the Date header (default: the current time, as
-                         "Sun, 22 Nov 2026 10:00:00 GMT")
-  --no-date              send no Date header at all
-  --header "NAME: VALUE" add a header to the answers of "/" (repeatable), for example
-                         "X-Date-Source: Sun, 06 Nov 1994 08:49:37 GMT"
-
-Update query: POST /updates/zeotaV3.php
-  --answer FILE          the answer document (a JSON file): it is enciphered like the device's
-                         query (AES-128-CBC, the device's key and IV) and sent as base64
-  --frame                put one line feed before and one after the base64 answer
-  --break-base64         spoil the base64 answer so that it cannot be decoded
-
-Package mirror: GET and HEAD of any other path
-  --packages DIR         serve the file DIR/<path> (HEAD gives its Content-Length and no body)
-  --mirror HOST=DIR      serve requests whose Host header is HOST from DIR instead (repeatable)
-  --rate BYTES           send package bodies at BYTES bytes per second, chunk by chunk (time a
-                         device spends paused is not made up for with a burst); SIGUSR1 lifts
-                         the throttle, also for bodies under way
-  --offset N             start package bodies at byte N, as if the device already held N bytes
-  --drop-after N         close the connection after N bytes of a package body, once per file;
-                         the next request of that file gets the rest of it
-  --drop-times K         cut the first K transfers of each file instead of only the first
-  --drop-always          cut every transfer of each file
-  --drop-at OFFSET       close the connection of the transfer that reaches byte OFFSET of its
-                         file, once; the next request gets the rest (repeatable)
-  --vanish-at OFFSET     like --drop-at, and then go away: stop listening and exit (status 0)
-  --redirect PATH=URL    answer GET and HEAD of PATH with 302, "Location: URL" and an empty body
-                         (repeatable)
-  --not-found PATH       answer PATH with 404 (repeatable)
-)";
+#include "desk_command_line.h"
 
 namespace {
+
+constexpr char kDescription[] =
+    R"(Plays the update server and the package mirrors of a device on a desk. It answers every
+request whatever its Host header (the hosts file of the sandbox points the update hosts and the
+mirror names here).
+)";
+
+constexpr char kEpilogue[] = R"(Signals:
+  SIGUSR1 lifts the throttle of --rate, also for bodies under way; SIGINT and SIGTERM stop the
+  server.
+
+Exit status:
+  0   stopped by SIGINT or SIGTERM, or gone away after --vanish-at
+  1   cannot listen, or cannot read the answer document
+  64  bad usage
+)";
 
 // Splits "KEY<separator>VALUE"; returns false when the separator is missing.
 bool SplitPair(const std::string& text, const std::string& separator, std::string* key,
@@ -69,100 +38,183 @@ bool SplitPair(const std::string& text, const std::string& separator, std::strin
 }
 
 bool ParseNumber(const std::string& text, uint64_t* number) {
-  if (text.empty()) return false;
+  if (text.empty() || text[0] == '-') return false;
   char* end = nullptr;
   *number = strtoull(text.c_str(), &end, 10);
   return *end == '\0';
 }
 
+// Options that store their value as it is, append it, or set a flag.
+auto Keep(std::string* target) {
+  return [=](const std::string& value, std::string*) {
+    *target = value;
+    return true;
+  };
+}
+auto Append(std::vector<std::string>* target) {
+  return [=](const std::string& value, std::string*) {
+    target->push_back(value);
+    return true;
+  };
+}
+auto Set(bool* target) {
+  return [=](const std::string&, std::string*) {
+    *target = true;
+    return true;
+  };
+}
+// An option whose value is a byte count or a number of times; |minimum| is its least value.
+auto Number(uint64_t* target, uint64_t minimum = 0) {
+  return [=](const std::string& value, std::string* expected) {
+    *expected = minimum == 0 ? "a whole number" : "a whole number from 1";
+    return ParseNumber(value, target) && *target >= minimum;
+  };
+}
+// An option whose value is "KEY<separator>VALUE", entered in |target| (repeatable).
+auto Pair(std::map<std::string, std::string>* target, const char* separator, const char* shape) {
+  return [=](const std::string& value, std::string* expected) {
+    *expected = shape;
+    std::string key, rest;
+    if (!SplitPair(value, separator, &key, &rest)) return false;
+    (*target)[key] = rest;
+    return true;
+  };
+}
+
 }  // namespace
 
-bool ParseOptions(int argc, char** argv, ServerOptions* options, bool* help, std::string* error) {
-  *help = false;
-  for (int i = 1; i < argc; ++i) {
-    const std::string flag = argv[i];
-    if (flag == "--help" || flag == "-h") {
-      *help = true;
-      return true;
-    }
-    if (flag == "--drop-always") {
-      options->drop_times = 0;
-      continue;
-    }
-    // Flags without a value.
-    const std::pair<const char*, bool*> switches[] = {
-        {"--no-date", &options->no_date},
-        {"--frame", &options->frame},
-        {"--break-base64", &options->break_base64},
-    };
-    bool* set = nullptr;
-    for (const auto& [name, target] : switches) {
-      if (flag == name) set = target;
-    }
-    if (set != nullptr) {
-      *set = true;
-      continue;
-    }
-    if (i + 1 >= argc) {
-      *error = flag + " needs a value";
-      return false;
-    }
-    const std::string value = argv[++i];
-    std::string key, rest;
-    uint64_t number = 0;
-    bool ok = true;
-    if (flag == "--listen") {
-      ok = SplitPair(value, ":", &options->address, &rest) && ParseNumber(rest, &number) &&
-           number > 0 && number < 65536;
-      options->port = static_cast<int>(number);
-    } else if (flag == "--log") {
-      options->log_path = value;
-    } else if (flag == "--ready-fd") {
-      ok = ParseNumber(value, &number) && number < 1024;
-      options->ready_fd = static_cast<int>(number);
-    } else if (flag == "--delay") {
-      ok = SplitPair(value, "=", &key, &rest) && ParseNumber(rest, &number);
-      options->delays_ms[key] = static_cast<int>(number);
-    } else if (flag == "--date") {
-      options->date = value;
-    } else if (flag == "--header") {
-      ok = SplitPair(value, ":", &key, &rest);
-      if (!rest.empty() && rest[0] == ' ') rest.erase(0, 1);
-      options->root_headers.emplace_back(key, rest);
-    } else if (flag == "--answer") {
-      options->answer_path = value;
-    } else if (flag == "--packages") {
-      options->packages_dir = value;
-    } else if (flag == "--mirror") {
-      ok = SplitPair(value, "=", &key, &rest);
-      options->mirrors[key] = rest;
-    } else if (flag == "--rate") {
-      ok = ParseNumber(value, &options->rate);
-    } else if (flag == "--offset") {
-      ok = ParseNumber(value, &options->offset);
-    } else if (flag == "--drop-after") {
-      ok = ParseNumber(value, &options->drop_after);
-    } else if (flag == "--drop-times") {
-      ok = ParseNumber(value, &options->drop_times) && options->drop_times > 0;
-    } else if (flag == "--drop-at") {
-      ok = ParseNumber(value, &number) && number > 0;
-      options->drop_at.push_back(number);
-    } else if (flag == "--vanish-at") {
-      ok = ParseNumber(value, &number) && number > 0;
-      options->vanish_at = number;
-    } else if (flag == "--redirect") {
-      ok = SplitPair(value, "=", &key, &rest);
-      options->redirects[key] = rest;
-    } else if (flag == "--not-found") {
-      options->not_found.push_back(value);
-    } else {
-      *error = "unknown option " + flag;
-      return false;
-    }
-    if (!ok) {
-      *error = "bad value for " + flag + ": " + value;
-      return false;
-    }
-  }
-  return true;
+int ParseOptions(int argc, char** argv, ServerOptions* options) {
+  const DeskTool tool = {
+      "bundlerun-update-server",
+      "[OPTION]...",
+      kDescription,
+      {
+          {nullptr, nullptr, "General", nullptr},
+          {"listen", "ADDR:PORT", "address to listen on (default 127.0.0.1:80)",
+           [=](const std::string& value, std::string* expected) {
+             *expected = "ADDR:PORT with a port from 1 to 65535";
+             std::string port;
+             uint64_t number = 0;
+             if (!SplitPair(value, ":", &options->address, &port) ||
+                 !ParseNumber(port, &number) || number == 0 || number > 65535) {
+               return false;
+             }
+             options->port = static_cast<int>(number);
+             return true;
+           }},
+          {"log", "FILE",
+           "append one JSON line per request received: method, path, host, the\n"
+           "local address it arrived at, headers, body, and for the update\n"
+           "query the form and the clear query",
+           Keep(&options->log_path)},
+          {"ready-fd", "FD",
+           "write \"ready\" and a line feed to descriptor FD and close it once\n"
+           "the server accepts connections",
+           [=](const std::string& value, std::string* expected) {
+             *expected = "a descriptor number";
+             uint64_t number = 0;
+             if (!ParseNumber(value, &number) || number > 1023) return false;
+             options->ready_fd = static_cast<int>(number);
+             return true;
+           }},
+          {"delay", "PATH=MS",
+           "wait MS milliseconds before answering requests for PATH (\"*\":\n"
+           "every path); repeatable",
+           [=](const std::string& value, std::string* expected) {
+             *expected = "PATH=MS with MS a whole number of milliseconds";
+             std::string path, milliseconds;
+             uint64_t number = 0;
+             if (!SplitPair(value, "=", &path, &milliseconds) ||
+                 !ParseNumber(milliseconds, &number) || number > 3600000) {
+               return false;
+             }
+             options->delays_ms[path] = static_cast<int>(number);
+             return true;
+           }},
+
+          {nullptr, nullptr, "Server time: HEAD and GET of \"/\"", nullptr},
+          {"date", "TEXT",
+           "value of the Date header (default: the current time, as\n"
+           "\"Sun, 22 Nov 2026 10:00:00 GMT\")",
+           [=](const std::string& value, std::string*) {
+             options->date = value;
+             return true;
+           }},
+          {"no-date", nullptr, "send no Date header at all", Set(&options->no_date)},
+          {"header", "HEADER",
+           "add HEADER, \"NAME: VALUE\", to the answers of \"/\" (repeatable),\n"
+           "for example \"X-Date-Source: Sun, 06 Nov 1994 08:49:37 GMT\"",
+           [=](const std::string& value, std::string* expected) {
+             *expected = "a header \"NAME: VALUE\"";
+             std::string name, text;
+             if (!SplitPair(value, ":", &name, &text)) return false;
+             if (!text.empty() && text[0] == ' ') text.erase(0, 1);
+             options->root_headers.emplace_back(name, text);
+             return true;
+           }},
+
+          {nullptr, nullptr, "Update query: POST /updates/zeotaV3.php", nullptr},
+          {"answer", "FILE",
+           "the answer document (a JSON file): it is enciphered like the\n"
+           "device's query (AES-128-CBC, the device's key and IV) and sent as\n"
+           "base64",
+           Keep(&options->answer_path)},
+          {"frame", nullptr, "put one line feed before and one after the base64 answer",
+           Set(&options->frame)},
+          {"break-base64", nullptr, "spoil the base64 answer so that it cannot be decoded",
+           Set(&options->break_base64)},
+
+          {nullptr, nullptr, "Package mirror: GET and HEAD of any other path", nullptr},
+          {"packages", "DIR",
+           "serve the file DIR/<path> (HEAD gives its Content-Length and no\nbody)",
+           Keep(&options->packages_dir)},
+          {"mirror", "HOST=DIR",
+           "serve requests whose Host header is HOST from DIR instead\n(repeatable)",
+           Pair(&options->mirrors, "=", "HOST=DIR")},
+          {"rate", "BYTES",
+           "send package bodies at BYTES bytes per second, chunk by chunk (time\n"
+           "a device spends paused is not made up for with a burst); SIGUSR1\n"
+           "lifts the throttle, also for bodies under way",
+           Number(&options->rate)},
+          {"offset", "N", "start package bodies at byte N, as if the device already held N\nbytes",
+           Number(&options->offset)},
+          {"drop-after", "N",
+           "close the connection after N bytes of a package body, once per\n"
+           "file; the next request of that file gets the rest of it",
+           Number(&options->drop_after)},
+          {"drop-times", "K", "cut the first K transfers of each file instead of only the first",
+           Number(&options->drop_times, 1)},
+          {"drop-always", nullptr, "cut every transfer of each file",
+           [=](const std::string&, std::string*) {
+             options->drop_times = 0;
+             return true;
+           }},
+          {"drop-at", "OFFSET",
+           "close the connection of the transfer that reaches byte OFFSET of\n"
+           "its file, once; the next request gets the rest (repeatable)",
+           [=](const std::string& value, std::string* expected) {
+             *expected = "a byte offset from 1";
+             uint64_t number = 0;
+             if (!ParseNumber(value, &number) || number == 0) return false;
+             options->drop_at.push_back(number);
+             return true;
+           }},
+          {"vanish-at", "OFFSET",
+           "like --drop-at, and then go away: stop listening and exit with 0",
+           [=](const std::string& value, std::string* expected) {
+             *expected = "a byte offset from 1";
+             uint64_t number = 0;
+             if (!ParseNumber(value, &number) || number == 0) return false;
+             options->vanish_at = number;
+             return true;
+           }},
+          {"redirect", "PATH=URL",
+           "answer GET and HEAD of PATH with 302, \"Location: URL\" and an empty\n"
+           "body (repeatable)",
+           Pair(&options->redirects, "=", "PATH=URL")},
+          {"not-found", "PATH", "answer PATH with 404 (repeatable)", Append(&options->not_found)},
+      },
+      kEpilogue,
+  };
+  return ParseDeskCommandLine(tool, argc, argv);
 }

@@ -44,9 +44,6 @@ struct ServerOptions {
   std::vector<std::string> not_found;
 };
 
-// Parses the command line into |options|. Returns false with |error| set when it is wrong, and
-// sets |help| when --help was asked for.
-bool ParseOptions(int argc, char** argv, ServerOptions* options, bool* help, std::string* error);
-
-// The text of --help.
-extern const char kUsage[];
+// Parses the command line into |options|. Returns -1 when the server goes on; otherwise the
+// status to exit with (0 after --help or --version, 64 after a usage error).
+int ParseOptions(int argc, char** argv, ServerOptions* options);

@@ -1,0 +1,101 @@
+/*
+ * Copyright (C) 2026 The bundlerun Authors
+ * SPDX-License-Identifier: Apache-2.0
+ */
+
+// The command lines of the desk tools: bundlerun-ui, bundlerun-update-server and make-sample-rom
+// answer --version, take "--opt value" and "--opt=value", and refuse what they cannot use with
+// exit status 64, the usage on standard error and an error that names the argument; the front
+// end colours a terminal unless NO_COLOR or --color say otherwise.
+
+#include <gtest/gtest.h>
+#include <stdlib.h>
+#include <sys/wait.h>
+
+#include <string>
+
+#include "harness/harness.h"
+
+namespace {
+
+using harness::ReadFile;
+
+constexpr char kOut[] = "/tmp/harness/out";
+constexpr char kErr[] = "/tmp/harness/err";
+
+// Runs |command| through the shell; returns its exit status, with standard output and standard
+// error in |out| and |err|.
+int RunShell(const std::string& command, std::string* out, std::string* err) {
+  const int status = system((command + " > " + kOut + " 2> " + kErr).c_str());
+  *out = ReadFile(kOut);
+  *err = ReadFile(kErr);
+  return WIFEXITED(status) ? WEXITSTATUS(status) : -1;
+}
+
+class DeskToolsTest : public harness::SandboxTest {};
+
+TEST_F(DeskToolsTest, OptionsAreParsedLikeOtherDebianTools) {
+  const std::string ui = harness::ShellProgram(UI_BIN);
+  const std::string server = UPDATE_SERVER_BIN;
+  const std::string rom_maker = SAMPLE_ROM_MAKER;
+  // The front end on a terminal (script's pseudo-terminal), with a bundlerun that fails at once.
+  const std::string on_terminal = "script -qec '" + ui +
+                                  " --plain --bundlerun /bin/false --log /tmp/harness/ui.log";
+  struct Case {
+    std::string command;
+    int exit_status;
+    std::string out;     // what standard output holds ("": nothing at all)
+    std::string err;     // what standard error holds besides the usage ("": nothing at all)
+    std::string absent = "";  // what standard output must not hold
+  } cases[] = {
+      {ui + " --version", 0, std::string("bundlerun-ui ") + TEST_VERSION, ""},
+      {server + " --version", 0, std::string("bundlerun-update-server ") + TEST_VERSION, ""},
+      {rom_maker + " --version", 0, std::string("make-sample-rom ") + TEST_VERSION, ""},
+      {ui + " --bogus", 64, "", "bundlerun-ui: unknown option '--bogus'\n"},
+      {server + " --bogus=1", 64, "", "bundlerun-update-server: unknown option '--bogus'\n"},
+      {rom_maker + " --bogus", 64, "", "make-sample-rom: unrecognized option '--bogus'\n"},
+      {ui + " --log", 64, "", "bundlerun-ui: option '--log' needs a value (FILE)\n"},
+      {server + " --rate", 64, "", "bundlerun-update-server: option '--rate' needs a value"},
+      {rom_maker + " --size", 64, "", "make-sample-rom: option '--size' requires an argument\n"},
+      {ui + " --stop-at 101", 64, "",
+       "bundlerun-ui: option '--stop-at': '101' is not a whole percent from 0 to 100\n"},
+      {ui + " --color=sometimes", 64, "", "'sometimes' is not never, always or auto\n"},
+      {ui + " --plain=yes", 64, "", "bundlerun-ui: option '--plain' takes no value\n"},
+      {server + " --listen=127.0.0.1:99999", 64, "", "'127.0.0.1:99999' is not ADDR:PORT"},
+      {server + " --drop-times 0", 64, "", "'--drop-times': '0' is not a whole number from 1\n"},
+      {server + " --d 1", 64, "", "option '--d' is ambiguous (--delay, --date, --drop-after"},
+      {rom_maker + " --size=0 x.zip", 64, "", "option '--size': '0' is not a whole number"},
+      {rom_maker + " --size=1", 64, "", "make-sample-rom: no OUTPUT.zip given\n"},
+      {ui + " extra", 64, "", "bundlerun-ui: unexpected argument 'extra'\n"},
+      // Both forms of a value are taken; --help ends the parse with the help on standard output.
+      {ui + " --stop-at=50 --color never --help", 0, "Usage: bundlerun-ui [OPTION]...\n", ""},
+      {server + " --rate=1000 --offset 5 --help", 0, "Exit status:\n", ""},
+      {rom_maker + " --size=1 /tmp/harness/one.zip", 0, "", ""},
+      {on_terminal + "' /dev/null", 1, "\033[1mstage1:\033[0m bundlerun ended", ""},
+      {"NO_COLOR=1 " + on_terminal + "' /dev/null", 1, "stage1: bundlerun ended", "", "\033["},
+      {"NO_COLOR=1 " + on_terminal + " --color=always' /dev/null", 1, "\033[1mstage1:", ""},
+      {"NO_COLOR= " + on_terminal + "' /dev/null", 1, "\033[1mstage1:", ""},
+      {on_terminal + " --color=never' /dev/null", 1, "stage1: bundlerun ended", "", "\033["},
+  };
+  for (const Case& c : cases) {
+    SCOPED_TRACE(c.command);
+    std::string out, err;
+    EXPECT_EQ(c.exit_status, RunShell(c.command, &out, &err));
+    if (c.out.empty()) {
+      EXPECT_EQ("", out);
+    }
+    EXPECT_NE(std::string::npos, out.find(c.out)) << out;
+    if (!c.absent.empty()) {
+      EXPECT_EQ(std::string::npos, out.find(c.absent)) << out;
+    }
+    if (c.exit_status == 64) {
+      EXPECT_NE(std::string::npos, err.find(c.err)) << err;
+      EXPECT_NE(std::string::npos, err.find("\nUsage: ")) << err;
+    } else if (c.exit_status == 0) {
+      EXPECT_EQ("", err);
+    }
+  }
+  EXPECT_EQ(1048576u, ReadFile("/tmp/harness/one.zip").size());
+}
+
+}  // namespace
