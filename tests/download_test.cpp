@@ -289,6 +289,8 @@ TEST_F(DownloadTest, StopEndsTheDownloadWhateverItIsDoing) {
     if (!c.commands.empty()) {
       EXPECT_TRUE(android::base::EndsWith(child->status(), "\n3:r:s")) << child->status();
     }
+    // A stop is not a failure to retry.
+    EXPECT_EQ(std::string::npos, child->status().find("3:f:42")) << child->status();
     EXPECT_NE(std::string::npos, child->out().find(c.log)) << child->out();
     EXPECT_NE(std::string::npos,
               child->out().find("E: CURLE_ABORTED_BY_CALLBACK lead to download stopped\n"));
