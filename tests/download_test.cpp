@@ -229,7 +229,8 @@ TEST_F(DownloadTest, PauseDuringAnOutageHoldsTheTransferThatFollows) {
 }
 
 // A stop ends the download with "3:r:s" and no further request, whatever it is doing: receiving,
-// failing attempt after attempt, or paused by a front end that then went away.
+// waiting on a mirror that stalls, failing attempt after attempt, or paused by a front end that
+// then went away.
 TEST_F(DownloadTest, StopEndsTheDownloadWhateverItIsDoing) {
   struct Case {
     const char* name;
@@ -254,6 +255,11 @@ TEST_F(DownloadTest, StopEndsTheDownloadWhateverItIsDoing) {
        ReachedPercent(5),
        {},
        "E:---->receive command: p\n"},
+      {"the mirror stalls in the middle of the body",
+       [this] { Serve({"--stall-at", "2097152"}); },
+       ReachedPercent(33),
+       {"s\n"},
+       "E:---->receive command: s\n"},
   };
   // A stop that arrives while attempts fail is lost in a race, if it is lost: each a few times.
   for (int round = 0; round < 3; ++round) {

@@ -63,6 +63,7 @@ std::string ShapeAnswer(const ServerOptions& options, const std::string& answer)
 void HandleSignals(httplib::Server* server, Mirror* mirror, sigset_t signals) {
   int received = 0;
   while (sigwait(&signals, &received) == 0 && received == SIGUSR1) mirror->Unthrottle();
+  mirror->Release();
   server->stop();
 }
 
@@ -144,7 +145,10 @@ int main(int argc, char** argv) {
             request.get_header_value("Host").c_str(), request.path.c_str(), response.status);
   });
 
-  mirror.SetVanish([&server] { server.stop(); });
+  mirror.SetVanish([&server, &mirror] {
+    mirror.Release();
+    server.stop();
+  });
   if (!server.bind_to_port(options.address.c_str(), options.port)) {
     fprintf(stderr, "bundlerun-update-server: cannot listen on %s:%d: %s\n",
             options.address.c_str(), options.port, strerror(errno));

@@ -5,7 +5,12 @@
 
 #include "mirror.h"
 
+#include <arpa/inet.h>
+#include <dirent.h>
 #include <fcntl.h>
+#include <netinet/in.h>
+#include <stdlib.h>
+#include <sys/socket.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -28,8 +33,10 @@ struct Transfer {
   int fd = -1;
   uint64_t start = 0;    // resume position the body starts at
   uint64_t length = 0;   // bytes announced in Content-Length
-  uint64_t drop_at = 0;  // bytes after which the connection is cut; 0: never
-  bool vanish = false;   // the server goes away with the cut
+  uint64_t break_at = 0;  // bytes after which the transfer breaks; 0: never
+  Mirror::Break how = Mirror::Break::kNone;
+  int remote_port = -1;  // the connection, for a reset
+  int local_port = -1;
   // When the next chunk of a throttled body is due.
   std::chrono::steady_clock::time_point due = std::chrono::steady_clock::now();
   ~Transfer() {
@@ -38,15 +45,25 @@ struct Transfer {
 
   // Sends the next chunk at |offset| of the body; returns false to end the connection.
   bool Next(size_t offset, httplib::DataSink& sink) {
-    if (drop_at != 0 && offset >= drop_at) {
-      mirror->OnDropped(file, start + drop_at, vanish);
+    if (break_at != 0 && offset >= break_at) {
+      switch (how) {
+        case Mirror::Break::kStall:
+          mirror->Stall();
+          break;
+        case Mirror::Break::kReset:
+          Mirror::ResetOnClose(remote_port, local_port);
+          break;
+        default:
+          mirror->OnDropped(file, start + break_at, how == Mirror::Break::kVanish);
+          break;
+      }
       return false;
     }
     const uint64_t rate = mirror->rate();
     size_t chunk = kMaxChunk;
     if (rate != 0) chunk = std::clamp<size_t>(rate / 20, kMinThrottledChunk, kMaxChunk);
     chunk = std::min<uint64_t>(chunk, length - offset);
-    if (drop_at != 0) chunk = std::min<uint64_t>(chunk, drop_at - offset);
+    if (break_at != 0) chunk = std::min<uint64_t>(chunk, break_at - offset);
     std::vector<char> buffer(chunk);
     ssize_t n = pread(fd, buffer.data(), chunk, start + offset);
     if (n <= 0 || !sink.write(buffer.data(), n)) return false;
@@ -77,26 +94,72 @@ uint64_t Mirror::ResumePosition(const std::string& file) {
   return it == positions_.end() ? options_.offset : it->second;
 }
 
-uint64_t Mirror::CutAt(const std::string& file, uint64_t start, uint64_t end, bool* vanish) {
+uint64_t Mirror::BreakAt(const std::string& file, uint64_t start, uint64_t end, Break* how) {
   std::lock_guard<std::mutex> guard(lock_);
-  *vanish = false;
-  uint64_t cut = 0;
-  if (options_.drop_after != 0 && start + options_.drop_after < end &&
-      (options_.drop_times == 0 || dropped_[file] < options_.drop_times)) {
-    cut = options_.drop_after;
-  }
-  for (uint64_t offset : options_.drop_at) {
-    if (offset > start && offset < end && !offsetsCut_.count(offset) &&
-        (cut == 0 || offset - start < cut)) {
-      cut = offset - start;
+  *how = Break::kNone;
+  uint64_t at = 0;
+  bool named = false;
+  // The earliest break in this transfer wins. An offset named on the command line breaks the
+  // one transfer that is to pass it; --drop-after breaks transfers as often as it is told.
+  auto consider = [&](uint64_t offset, Break kind, bool once) {
+    if (offset > start && offset < end && !(once && offsetsCut_.count(offset)) &&
+        (at == 0 || offset - start < at)) {
+      at = offset - start;
+      *how = kind;
+      named = once;
     }
+  };
+  if (options_.drop_after != 0 &&
+      (options_.drop_times == 0 || dropped_[file] < options_.drop_times)) {
+    consider(start + options_.drop_after, Break::kDrop, false);
   }
-  const std::optional<uint64_t>& away = options_.vanish_at;
-  if (away && *away > start && *away < end && (cut == 0 || *away - start <= cut)) {
-    cut = *away - start;
-    *vanish = true;
+  for (uint64_t offset : options_.drop_at) consider(offset, Break::kDrop, true);
+  if (options_.vanish_at) consider(*options_.vanish_at, Break::kVanish, true);
+  if (options_.stall_at) consider(*options_.stall_at, Break::kStall, true);
+  if (options_.reset_at) consider(*options_.reset_at, Break::kReset, true);
+  if (named) offsetsCut_.insert(start + at);
+  return at;
+}
+
+bool Mirror::Unavailable() {
+  std::lock_guard<std::mutex> guard(lock_);
+  if (unavailable_ >= options_.unavailable) return false;
+  ++unavailable_;
+  return true;
+}
+
+void Mirror::Stall() {
+  std::unique_lock<std::mutex> lock(lock_);
+  stalls_.wait_for(lock, std::chrono::hours(1), [this] { return released_; });
+}
+
+void Mirror::Release() {
+  {
+    std::lock_guard<std::mutex> guard(lock_);
+    released_ = true;
   }
-  return cut;
+  stalls_.notify_all();
+}
+
+void Mirror::ResetOnClose(int remote_port, int local_port) {
+  // The connection's descriptor is the socket whose two ends are these ports.
+  DIR* fds = opendir("/proc/self/fd");
+  if (fds == nullptr) return;
+  while (dirent* entry = readdir(fds)) {
+    const int fd = atoi(entry->d_name);
+    sockaddr_in peer{}, self{};
+    socklen_t peer_size = sizeof(peer), self_size = sizeof(self);
+    if (fd <= 2 || getpeername(fd, reinterpret_cast<sockaddr*>(&peer), &peer_size) != 0 ||
+        getsockname(fd, reinterpret_cast<sockaddr*>(&self), &self_size) != 0 ||
+        peer.sin_family != AF_INET || ntohs(peer.sin_port) != remote_port ||
+        ntohs(self.sin_port) != local_port) {
+      continue;
+    }
+    // No lingering: closing the socket sends a reset and drops what was not sent.
+    const linger abort = {1, 0};
+    setsockopt(fd, SOL_SOCKET, SO_LINGER, &abort, sizeof(abort));
+  }
+  closedir(fds);
 }
 
 void Mirror::OnDropped(const std::string& file, uint64_t position, bool vanish) {
@@ -104,7 +167,6 @@ void Mirror::OnDropped(const std::string& file, uint64_t position, bool vanish) 
     std::lock_guard<std::mutex> guard(lock_);
     positions_[file] = position;
     ++dropped_[file];
-    offsetsCut_.insert(position);
   }
   // Nothing more is accepted before the device sees this connection end.
   if (vanish && vanish_) vanish_();
@@ -135,6 +197,11 @@ void Mirror::Serve(const httplib::Request& request, httplib::Response& response)
     return;
   }
 
+  if (request.method == "GET" && Unavailable()) {
+    response.status = 503;
+    response.set_content("unavailable\n", "text/plain");
+    return;
+  }
   const std::string file = dir + path;
   auto transfer = std::make_shared<Transfer>();
   transfer->fd = open(file.c_str(), O_RDONLY | O_CLOEXEC);
@@ -146,10 +213,17 @@ void Mirror::Serve(const httplib::Request& request, httplib::Response& response)
   const uint64_t size = static_cast<uint64_t>(st.st_size);
   transfer->mirror = this;
   transfer->file = file;
-  transfer->start = std::min(ResumePosition(file), size);
+  struct stat held;
+  transfer->start =
+      !options_.remainder_of.empty()
+          ? (stat(options_.remainder_of.c_str(), &held) == 0 ? std::min<uint64_t>(held.st_size, size)
+                                                             : 0)
+          : std::min(ResumePosition(file), size);
   transfer->length = size - transfer->start;
   if (request.method == "GET") {
-    transfer->drop_at = CutAt(file, transfer->start, size, &transfer->vanish);
+    transfer->break_at = BreakAt(file, transfer->start, size, &transfer->how);
+    transfer->remote_port = request.remote_port;
+    transfer->local_port = request.local_port;
   }
   response.set_content_provider(transfer->length, "application/zip",
                                 [transfer](size_t offset, size_t, httplib::DataSink& sink) {

@@ -12,6 +12,7 @@
 #include <stdint.h>
 
 #include <atomic>
+#include <condition_variable>
 #include <functional>
 #include <map>
 #include <mutex>
@@ -27,8 +28,17 @@ class Mirror {
   // Answers a GET or HEAD of a package path.
   void Serve(const httplib::Request& request, httplib::Response& response);
 
+  // What happens to a transfer at a byte of its file that the options name.
+  enum class Break { kNone, kDrop, kVanish, kStall, kReset };
+
   // Called by a transfer that was cut at |position| of |file|; |vanish|: the server goes away.
   void OnDropped(const std::string& file, uint64_t position, bool vanish);
+  // Holds a stalled transfer until the server stops.
+  void Stall();
+  // Makes the connection from |remote_port| to |local_port| end with a TCP reset when it closes.
+  static void ResetOnClose(int remote_port, int local_port);
+  // Ends every stall: the server is stopping.
+  void Release();
   // Called by a transfer that sent |file| to its end.
   void OnCompleted(const std::string& file);
 
@@ -44,15 +54,20 @@ class Mirror {
   std::string DirectoryFor(const std::string& host) const;
   // Returns where the next transfer of |file| starts.
   uint64_t ResumePosition(const std::string& file);
-  // Returns how many bytes into a transfer of |file| from |start| to |end| it is to be cut, and
-  // whether the server then goes away; 0: never.
-  uint64_t CutAt(const std::string& file, uint64_t start, uint64_t end, bool* vanish);
+  // Returns how many bytes into a transfer of |file| from |start| to |end| it breaks, and how;
+  // 0: never.
+  uint64_t BreakAt(const std::string& file, uint64_t start, uint64_t end, Break* how);
+  // Returns true when this package request is answered "503 Service Unavailable".
+  bool Unavailable();
 
   const ServerOptions& options_;
   std::mutex lock_;
   std::map<std::string, uint64_t> positions_;
   std::map<std::string, uint64_t> dropped_;  // transfers cut so far, per file
-  std::set<uint64_t> offsetsCut_;            // the --drop-at offsets that cut a transfer
+  std::set<uint64_t> offsetsCut_;            // the named offsets taken by a transfer already
+  uint64_t unavailable_ = 0;                 // requests answered 503 so far
+  bool released_ = false;
+  std::condition_variable stalls_;
   std::atomic<uint64_t> rate_;
   std::function<void()> vanish_;
 };

@@ -70,6 +70,16 @@ auto Number(uint64_t* target, uint64_t minimum = 0) {
     return ParseNumber(value, target) && *target >= minimum;
   };
 }
+// An option whose value is a byte offset into a package, from 1.
+auto Offset(std::optional<uint64_t>* target) {
+  return [=](const std::string& value, std::string* expected) {
+    *expected = "a byte offset from 1";
+    uint64_t number = 0;
+    if (!ParseNumber(value, &number) || number == 0) return false;
+    *target = number;
+    return true;
+  };
+}
 // An option whose value is "KEY<separator>VALUE", entered in |target| (repeatable).
 auto Pair(std::map<std::string, std::string>* target, const char* separator, const char* shape) {
   return [=](const std::string& value, std::string* expected) {
@@ -201,13 +211,24 @@ int ParseOptions(int argc, char** argv, ServerOptions* options) {
            }},
           {"vanish-at", "OFFSET",
            "like --drop-at, and then go away: stop listening and exit with 0",
-           [=](const std::string& value, std::string* expected) {
-             *expected = "a byte offset from 1";
-             uint64_t number = 0;
-             if (!ParseNumber(value, &number) || number == 0) return false;
-             options->vanish_at = number;
-             return true;
-           }},
+           Offset(&options->vanish_at)},
+          {"stall-at", "OFFSET",
+           "stop sending when the transfer reaches byte OFFSET of its file, and\n"
+           "hold the connection open until the server stops (once)",
+           Offset(&options->stall_at)},
+          {"reset-at", "OFFSET",
+           "end the transfer that reaches byte OFFSET of its file with a TCP\n"
+           "reset, dropping what is still unsent (once)",
+           Offset(&options->reset_at)},
+          {"unavailable", "K",
+           "answer the first K package requests with 503 Service Unavailable\n"
+           "and a short text body",
+           Number(&options->unavailable)},
+          {"remainder-of", "PATH",
+           "start every package body at the size of PATH, the device's package\n"
+           "file in the same sandbox: a mirror that knows what the device holds,\n"
+           "also after a connection broke anywhere",
+           Keep(&options->remainder_of)},
           {"redirect", "PATH=URL",
            "answer GET and HEAD of PATH with 302, \"Location: URL\" and an empty\n"
            "body (repeatable)",

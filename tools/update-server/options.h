@@ -40,6 +40,10 @@ struct ServerOptions {
   uint64_t drop_times = 1;            // transfers of each file that are cut; 0: every one
   std::vector<uint64_t> drop_at;      // file offsets where a transfer is cut, once each
   std::optional<uint64_t> vanish_at;  // file offset where the server cuts and goes away
+  std::optional<uint64_t> stall_at;   // file offset where a transfer stops sending, once
+  std::optional<uint64_t> reset_at;   // file offset where a transfer ends with a reset, once
+  uint64_t unavailable = 0;           // package requests answered 503 first
+  std::string remainder_of;           // the device's package: bodies start at its size
   std::map<std::string, std::string> redirects;
   std::vector<std::string> not_found;
 };
