@@ -171,6 +171,22 @@ std::vector<Request> UpdateServer::requests() const {
   return requests;
 }
 
+NginxMirror::NginxMirror() {
+  mkdir(kHarnessDir, 0755);
+  mkdir("/tmp/harness/nginx", 0755);
+  ok_ = system("PATH=\"$PATH:/usr/sbin\" nginx -q -p /tmp/harness/nginx -c " NGINX_MIRROR_CONF) == 0;
+}
+
+NginxMirror::~NginxMirror() {
+  if (ok_) system("PATH=\"$PATH:/usr/sbin\" nginx -q -p /tmp/harness/nginx -c " NGINX_MIRROR_CONF " -s stop");
+}
+
+void ShapeLink(const std::string& rate, int resets) {
+  ASSERT_EQ(0, system((std::string(SANDBOX_LINK) + " --rate " + rate + " --resets " +
+                       std::to_string(resets))
+                          .c_str()));
+}
+
 namespace {
 std::mutex g_log_lock;
 std::string g_log_text;

@@ -108,6 +108,23 @@ class UpdateServer {
   bool ok_ = false;
 };
 
+// A standard web server (nginx) as the package mirror: kMirrorDir on 127.0.0.2:80, with the
+// configuration the build wrote. Stopped when this goes away.
+class NginxMirror {
+ public:
+  NginxMirror();
+  ~NginxMirror();
+  // True once it listens (nginx's launcher returns when its socket is open).
+  bool ok() const { return ok_; }
+
+ private:
+  bool ok_ = false;
+};
+
+// Shapes this sandbox's loopback to |rate| and breaks the first |resets| connections that carry
+// a package body (tests/sandbox/link).
+void ShapeLink(const std::string& rate, int resets);
+
 // Collects the log records of in-process code as "<letter>:<message>\n" lines.
 class LogCapture {
  public:
