@@ -72,8 +72,15 @@ void PackageDigest::Received(const char* data, size_t length) {
   more_.notify_one();
 }
 
-uint64_t PackageDigest::OwnBytesBehind() {
-  std::lock_guard<std::mutex> guard(lock_);
+void PackageDigest::CatchUp(uint64_t most, uint64_t then) {
+  std::unique_lock<std::mutex> lock(lock_);
+  if (OwnBehindLocked() <= most) return;
+  catchUpTo_ = then;
+  caughtUp_.wait(lock, [&] { return OwnBehindLocked() <= then; });
+  catchUpTo_.reset();
+}
+
+uint64_t PackageDigest::OwnBehindLocked() const {
   // A digest that failed catches up with nothing: nobody is to wait for it.
   if (failed_ || hashed_ < ownFrom_) return 0;
   return size_ - hashed_;
@@ -177,6 +184,7 @@ void PackageDigest::Run() {
         memoryStart_ += length;
       }
     }
+    if (catchUpTo_ && OwnBehindLocked() <= *catchUpTo_) caughtUp_.notify_one();
     if (wakeArmed_ && WaitOverLocked()) {
       wakeArmed_ = false;
       lock.unlock();

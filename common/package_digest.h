@@ -7,8 +7,8 @@
 // when the last byte lands. A hashing thread hashes the file in order: what the file held before
 // this process received anything (an earlier attempt's bytes) it reads back from the file; the
 // pieces the download receives are handed over from memory, each copied once, while there is
-// room for them, and read back from the file otherwise. The download never waits for it: it asks
-// how far behind the digest is and is woken when it has caught up.
+// room for them, and read back from the file otherwise. The download waits for it only for a
+// moment and only for bytes that it received itself, never for what the file held before.
 
 #pragma once
 
@@ -27,7 +27,7 @@
 class PackageDigest {
  public:
   // How many received bytes wait in memory for the hashing thread at most.
-  static constexpr size_t kMemoryBytes = 4 * 1024 * 1024;
+  static constexpr size_t kMemoryBytes = 2 * 1024 * 1024 + 256 * 1024;
 
   // |wake| is called on the hashing thread when a wait asked for with WakeWhenBehindBy is over.
   PackageDigest(std::string path, std::function<void()> wake);
@@ -42,9 +42,10 @@ class PackageDigest {
   void Held(uint64_t size);
   // Hands over |length| bytes that this process received and has just appended to the file.
   void Received(const char* data, size_t length);
-  // Returns how many of the bytes this process received are not hashed yet; 0 while the hashing
-  // thread is still on bytes the file held before them, and once hashing failed.
-  uint64_t OwnBytesBehind();
+  // When more than |most| of the bytes this process received are not hashed yet, waits until at
+  // most |then| are (or hashing failed). Bytes the file held before them are never waited for:
+  // while the hashing thread works on those, this returns at once.
+  void CatchUp(uint64_t most, uint64_t then);
   // Asks for one call of |wake| once at most |lag| bytes of the file are not hashed, or hashing
   // failed. Returns false, asking nothing, when that already holds.
   bool WakeWhenBehindBy(uint64_t lag);
@@ -61,6 +62,10 @@ class PackageDigest {
   void StopThread();
   // Returns whether the wait asked for with WakeWhenBehindBy is over. Called with lock_ held.
   bool WaitOverLocked() const;
+  // Returns how many of the bytes this process received are not hashed yet (0 while the hashing
+  // thread is still on bytes the file held before them, and once hashing failed). Called with
+  // lock_ held.
+  uint64_t OwnBehindLocked() const;
 
   const std::string path_;
   const std::function<void()> wake_;
@@ -69,6 +74,8 @@ class PackageDigest {
   // Everything below is guarded by lock_, except where said.
   std::mutex lock_;
   std::condition_variable more_;
+  std::condition_variable caughtUp_;
+  std::optional<uint64_t> catchUpTo_;  // the owner waits in CatchUp until this
   bool stop_ = false;
   bool failed_ = false;
   // The file's size as this process knows it, the bytes hashed, and where the bytes this process

@@ -34,9 +34,10 @@ constexpr char kAllowedProtocols[] = "http,https";
 constexpr int kPollTimeoutMs = 1000;
 // libcurl's receive buffer: a multi-gigabyte package arrives in fewer, larger pieces.
 constexpr long kReceiveBufferSize = 512 * 1024;
-// How far the digest may fall behind the bytes this process received before the transfer is
-// held, and how far it must catch up before the transfer runs again. A mirror faster than the
-// digest is slowed to its pace, so that the completion line follows the last byte at once.
+// How far the digest may fall behind the bytes this process received before the transfer waits
+// for it, and how far it must catch up then: a mirror faster than the digest is slowed to its
+// pace, so that the completion line follows the last byte at once. A wait lasts as long as
+// hashing the difference takes, a few milliseconds.
 constexpr uint64_t kMaxDigestLag = 2 * 1024 * 1024;
 constexpr uint64_t kResumeDigestLag = 1024 * 1024;
 
@@ -230,7 +231,7 @@ int RomDownload::xferinfo(void* record, curl_off_t, curl_off_t dlnow, curl_off_t
 
 size_t RomDownload::WritePackage(char* data, size_t size, size_t count, void* task) {
   auto* self = static_cast<RomDownload*>(task);
-  if (self->paused_ || self->digest_.OwnBytesBehind() > kMaxDigestLag) {
+  if (self->paused_) {
     self->recvPaused_ = true;
     return CURL_WRITEFUNC_PAUSE;
   }
@@ -243,6 +244,7 @@ size_t RomDownload::WritePackage(char* data, size_t size, size_t count, void* ta
     written += n;
   }
   self->digest_.Received(data, written);
+  self->digest_.CatchUp(kMaxDigestLag, kResumeDigestLag);
   return written;
 }
 
@@ -278,13 +280,8 @@ CURLcode RomDownload::Transfer() {
       stopped = true;
       break;
     }
-    if (recvPaused_ && !paused_ && digest_.OwnBytesBehind() <= kResumeDigestLag) {
-      ResumeTransfer();
-    }
     multi_code = curl_multi_perform(multi_.get(), &running);
     if (multi_code != CURLM_OK || running == 0) break;
-    // Held for the digest: woken as soon as it has caught up.
-    if (recvPaused_ && !paused_ && !digest_.WakeWhenBehindBy(kResumeDigestLag)) continue;
     multi_code = curl_multi_poll(multi_.get(), nullptr, 0, kPollTimeoutMs, nullptr);
     if (multi_code != CURLM_OK) break;
   }

@@ -58,10 +58,10 @@ class RomDownload : public NetworkTask<RomDownload> {
   // libcurl's transfer-info callback: progress and speed lines, and the stop flag.
   static int xferinfo(void* record, curl_off_t dltotal, curl_off_t dlnow, curl_off_t ultotal,
                       curl_off_t ulnow);
-  // libcurl's write callback: appends the body to the package file and hands it to the digest.
-  // Takes nothing while the download is paused or the digest is too far behind (libcurl keeps
-  // the piece until the transfer runs again). Returns the bytes written; fewer than given fails
-  // the transfer with a write error.
+  // libcurl's write callback: appends the body to the package file and hands it to the digest,
+  // waiting a moment when the digest is too far behind the bytes this process received. Takes
+  // nothing while the download is paused: libcurl keeps the piece until the transfer runs again.
+  // Returns the bytes written; fewer than given fails the transfer with a write error.
   static size_t WritePackage(char* data, size_t size, size_t count, void* task);
 
  protected:
