@@ -112,8 +112,8 @@ TEST_F(FrontendTest, PlainModeRunsAWholeUpdateAndRefusesAWrongPackage) {
     EXPECT_TRUE(android::base::EndsWith(done_line, ", 0:00 left")) << done_line;
     // The log holds bundlerun's own lines, section by section.
     const std::string log = ReadFile(kUiLog);
-    EXPECT_NE(std::string::npos, log.find("===== stage two =====\n"));
-    EXPECT_NE(std::string::npos, log.find("I:Bye bye, RUN_UPDATER\n"));
+    EXPECT_NE(std::string::npos, log.find("] ===== Stage two: download =====\n"));
+    EXPECT_NE(std::string::npos, log.find("] I:Bye bye, RUN_UPDATER\n"));
   }
 }
 
@@ -131,17 +131,29 @@ bool WaitForScreen(const std::string& text, std::chrono::seconds timeout) {
   return false;
 }
 
-TEST_F(FrontendTest, TerminalModeShowsTheBarAndObeysKeys) {
+TEST_F(FrontendTest, TerminalModeFitsTheBarToEightyColumnsAndObeysKeys) {
   ServeRom(8, {"--rate", "1048576"});
-  const std::string command = std::string("tmux new-session -d -s ui -x 130 -y 45 '") +
+  const std::string command = std::string("tmux new-session -d -s ui -x 80 -y 45 '") +
                               harness::ShellProgram(UI_BIN) + " --log " + kUiLog +
                               "; echo EXIT:$?; sleep 600'";
   ASSERT_EQ(0, system(command.c_str()));
-  // The bar is up once its key hint shows.
-  ASSERT_TRUE(WaitForScreen("[p]ause [c]ontinue [s]top", 60s)) << Screen();
-  EXPECT_NE(std::string::npos, Screen().find("  downloading  ")) << Screen();
+  // Returns the bar's line once it shows |hint|, whole within the width.
+  auto bar = [](const std::string& hint) {
+    EXPECT_TRUE(WaitForScreen(hint, 60s)) << Screen();
+    for (const std::string& line : android::base::Split(Screen(), "\n")) {
+      if (line.find(hint) != std::string::npos) return line;
+    }
+    return std::string();
+  };
+  ASSERT_TRUE(WaitForScreen("B/s  ETA ", 60s)) << Screen();
+  const std::string running = bar("  downloading  [p]ause [s]top");
+  EXPECT_LT(running.size(), 80u) << running;
+  EXPECT_NE(std::string::npos, running.find("B/s  ETA ")) << running;
   ASSERT_EQ(0, system("tmux send-keys -t ui p"));
-  EXPECT_TRUE(WaitForScreen("paused", 20s)) << Screen();
+  // No speed and no time left while paused.
+  const std::string paused = bar("  paused  [c]ontinue [s]top");
+  EXPECT_EQ(std::string::npos, paused.find("B/s")) << paused;
+  EXPECT_EQ(std::string::npos, paused.find("ETA")) << paused;
   ASSERT_EQ(0, system("tmux send-keys -t ui s"));
   EXPECT_TRUE(WaitForScreen("EXIT:", 30s)) << Screen();
 

@@ -19,6 +19,8 @@
 
 #include "desk_command_line.h"
 #include "display.h"
+#include "record.h"
+#include "session_log.h"
 #include "update_session.h"
 
 namespace {
@@ -32,6 +34,10 @@ continue and s to stop), the integrity check against the ROM's md5, and the inst
 constexpr char kEpilogue[] =
     R"(Keys during the download, on a terminal: p pause, c continue, s stop. Without a terminal
 the same letters may come on standard input, one per line.
+
+Every line of the log starts with the seconds since the run began, as "[%12.6f] "; each run
+starts with a header line: the date and time, this program's version and arguments, and the
+bundlerun it runs.
 
 Environment:
   NO_COLOR           when set and not empty, --color=auto draws without colour
@@ -68,6 +74,7 @@ int main(int argc, char** argv) {
   options.log_path = "/tmp/bundlerun-ui.log";
   options.color = AutoColor();
   bool plain = false;
+  for (int i = 1; i < argc; ++i) options.arguments.push_back(argv[i]);
   // Options that only store their value, or a fixed one.
   auto keep = [](std::string* target) {
     return [=](const std::string& value, std::string*) {
@@ -125,12 +132,16 @@ int main(int argc, char** argv) {
             strerror(errno));
     return kUiUsage;
   }
+
+  // One record of the session; the log and the display read it.
+  SessionRecord record;
+  SessionLog session_log(log.get());
+  record.AddListener(&session_log);
   std::unique_ptr<Display> display =
       Display::Create(options.terminal, options.verbose, options.color);
-  UpdateSession session(options, *display, log.get());
-  int result = session.Run();
-  display->Section("done", "Done");
-  display->Event(result == kUiDone ? "update finished" : "update did not finish");
-  display->Event("bundlerun's log: " + options.log_path);
+  record.AddListener(display.get());
+  UpdateSession session(options, record);
+  const int result = session.Run();
+  display->ShowLine("bundlerun's log: " + options.log_path);
   return result;
 }
