@@ -3,10 +3,12 @@
  * SPDX-License-Identifier: Apache-2.0
  */
 
-// bundlerun-ui through a whole update against the local server: plain lines for scripts, and the
-// live terminal display driven with keys in tmux.
+// bundlerun-ui through a whole update against the local server: plain lines for scripts, the
+// record of a run (JSON stream, stamped log), and the live terminal display driven with
+// keys in tmux.
 
 #include <android-base/strings.h>
+#include <cJSON.h>
 #include <gtest/gtest.h>
 #include <stdio.h>
 #include <stdlib.h>
@@ -41,10 +43,8 @@ class FrontendTest : public harness::SandboxTest {
   // Makes a sample ROM of |mib| MiB and serves it; |md5| overrides the digest the answer gives.
   void ServeRom(int mib, const std::vector<std::string>& extra = {}, std::string md5 = "") {
     ASSERT_EQ(
-        0,
-        system(
-            (std::string(SAMPLE_ROM_MAKER) + " --size " + std::to_string(mib) + " " + kRomZip)
-                .c_str()));
+        0, system((std::string(SAMPLE_ROM_MAKER) + " --size " + std::to_string(mib) + " " + kRomZip)
+                      .c_str()));
     if (md5.empty()) md5 = harness::Md5Sum(kRomZip);
     WriteFile("/tmp/harness/answer.json",
               R"({"LatestRom":{"version":"V2.0","filename":"rom.zip","filesize":")" +
@@ -114,6 +114,171 @@ TEST_F(FrontendTest, PlainModeRunsAWholeUpdateAndRefusesAWrongPackage) {
     const std::string log = ReadFile(kUiLog);
     EXPECT_NE(std::string::npos, log.find("] ===== Stage two: download =====\n"));
     EXPECT_NE(std::string::npos, log.find("] I:Bye bye, RUN_UPDATER\n"));
+  }
+}
+
+// Returns member |name| of |event| as compact JSON ("\"0:s\"", "2", "true"), or "" without it.
+std::string Member(const cJSON* event, const char* name) {
+  const cJSON* item = cJSON_GetObjectItemCaseSensitive(event, name);
+  if (item == nullptr) return "";
+  std::unique_ptr<char, decltype(&free)> text(cJSON_PrintUnformatted(item), free);
+  return text.get();
+}
+
+double Number(const cJSON* event, const char* name) {
+  return cJSON_GetNumberValue(cJSON_GetObjectItemCaseSensitive(event, name));
+}
+
+TEST_F(FrontendTest, RecordsAWholeUpdateAsJsonAndAStampedLog) {
+  // The mirror sends the package to another address once, cuts its first two transfers there,
+  // and sends 6 MiB at 2 MiB/s: long enough for a pause of a second.
+  ServeRom(6, {"--rate", "2097152", "--drop-after", "1048576", "--drop-times", "2", "--redirect",
+               "/base/V2.0/rom.zip=http://mirror.yonda.example/moved/V2.0/rom.zip?from=base&n=1"});
+  ASSERT_EQ(0, system((std::string("mkdir -p /tmp/harness/mirror/moved/V2.0 && cp ") + kRomZip +
+                       " /tmp/harness/mirror/moved/V2.0/")
+                          .c_str()));
+  auto ui = bundlerun_parent::Child::StartWithInput(UI_BIN, {"--json", "--log", kUiLog});
+  ASSERT_NE(nullptr, ui);
+
+  // The test is the person at the keys: "p" a third of the way, "c" a second after the pause.
+  std::vector<std::unique_ptr<cJSON, void (*)(cJSON*)>> events;
+  size_t seen = 0;
+  double paused_at = -1;
+  bool pause_sent = false;
+  bool continue_sent = false;
+  auto take = [&] {
+    size_t end;
+    while ((end = ui->out().find('\n', seen)) != std::string::npos) {
+      const std::string line = ui->out().substr(seen, end - seen);
+      seen = end + 1;
+      events.emplace_back(cJSON_Parse(line.c_str()), cJSON_Delete);
+      ASSERT_TRUE(events.back()) << "not JSON: " << line;
+      const cJSON* e = events.back().get();
+      const std::string kind = Member(e, "event");
+      if (!pause_sent && kind == "\"progress\"" && Number(e, "percent") >= 30) {
+        pause_sent = ui->SendCommand("p\n");
+      }
+      if (kind == "\"paused\"") paused_at = Number(e, "t");
+      if (paused_at >= 0 && !continue_sent && Number(e, "t") >= paused_at + 1) {
+        continue_sent = ui->SendCommand("c\n");
+      }
+    }
+  };
+  const auto deadline = std::chrono::steady_clock::now() + 120s;
+  while (ui->running() && std::chrono::steady_clock::now() < deadline) {
+    ui->Pump(100ms);
+    ASSERT_NO_FATAL_FAILURE(take());
+  }
+  const int status = ui->WaitForExit(30s);
+  ASSERT_NO_FATAL_FAILURE(take());
+  WriteFile(std::string(TEST_ARTIFACTS_DIR) + "/bundlerun-ui.json", ui->out());
+  ASSERT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 0) << status << ui->err();
+  EXPECT_EQ(seen, ui->out().size()) << "every line ends with a line feed";
+
+  // The events in order, each with its time, stage and kind; the ones that tell the story with
+  // what they say.
+  struct Expected {
+    const char* event;
+    const char* stage;
+    const char* member;
+    const char* value;
+  } expected[] = {
+      {"start", "ui", "args", "[\"--json\",\"--log\",\"/tmp/harness/ui.log\"]"},
+      {"task", "stage1", "status", "\"0:s\""},
+      {"task", "stage1", "status", "\"1:s\""},
+      {"task", "stage1", "status", "\"2:s:0\""},
+      {"rom", "rom", "size", "6291456"},
+      {"mirror", "stage2", "url", "\"http://mirror.yonda.example/base/V2.0/rom.zip\""},
+      {"redirect", "stage2", "url",
+       "\"http://mirror.yonda.example/moved/V2.0/rom.zip?from=base&n=1\""},
+      {"command", "stage2", "command", "\"p\""},
+      {"paused", "stage2", "status", "\"3:r:p\""},
+      {"command", "stage2", "command", "\"c\""},
+      {"continued", "stage2", "status", "\"3:r:c\""},
+      {"task", "stage2", "name", "\"download\""},
+      {"download", "stage2", "outcome", "\"complete\""},
+      {"verdict", "verify", "ok", "true"},
+      {"installer", "install", "text", "\"Install complete\""},
+      {"install", "install", "ok", "true"},
+      {"result", "done", "status", "0"},
+  };
+  size_t next = 0;
+  double t = 0;
+  double last_progress = -1;
+  int paused_progress = 0;
+  std::vector<const cJSON*> retries;
+  const cJSON* download = nullptr;
+  for (const auto& owned : events) {
+    const cJSON* e = owned.get();
+    SCOPED_TRACE(Member(e, "t") + " " + Member(e, "event"));
+    EXPECT_GE(Number(e, "t"), t);
+    t = Number(e, "t");
+    const std::string kind = Member(e, "event");
+    ASSERT_NE("", Member(e, "stage"));
+    if (next < std::size(expected) && kind == std::string("\"") + expected[next].event + "\"" &&
+        Member(e, expected[next].member) == expected[next].value) {
+      EXPECT_EQ(std::string("\"") + expected[next].stage + "\"", Member(e, "stage"));
+      ++next;
+    }
+    if (kind == "\"retry\"") retries.push_back(e);
+    if (kind == "\"download\"") download = e;
+    if (kind != "\"progress\"") continue;
+    // At most a few progress lines a second (the last comes when the download ends), and none
+    // says a speed or a time left while paused.
+    if (Member(e, "state") != "\"complete\"") {
+      EXPECT_GE(t - last_progress, 0.45);
+    }
+    last_progress = t;
+    if (Member(e, "state") == "\"paused\"") {
+      ++paused_progress;
+      EXPECT_EQ("null", Member(e, "speed"));
+      EXPECT_EQ("null", Member(e, "eta"));
+    }
+  }
+  EXPECT_GE(paused_progress, 1);
+  EXPECT_EQ(std::size(expected), next)
+      << "missing: " << expected[std::min(next, std::size(expected) - 1)].event;
+  EXPECT_EQ("\"result\"", Member(events.back().get(), "event"));
+  ASSERT_EQ(2u, retries.size());
+  for (const cJSON* retry : retries) {
+    EXPECT_TRUE(android::base::StartsWith(Member(retry, "status"), "\"3:f:"))
+        << Member(retry, "status");
+  }
+  ASSERT_NE(nullptr, download);
+  EXPECT_EQ("6291456", Member(download, "bytes"));
+  EXPECT_EQ("2", Member(download, "retries"));
+  EXPECT_EQ("1", Member(download, "redirects"));
+  EXPECT_EQ("1", Member(download, "pauses"));
+  EXPECT_GE(Number(download, "paused"), 1);
+
+  // Every line of the log is stamped, the stamps never go back, and the run starts with its header.
+  const std::vector<std::string> log = android::base::Split(ReadFile(kUiLog), "\n");
+  ASSERT_GT(log.size(), 10u);
+  EXPECT_TRUE(android::base::StartsWith(log[0], "[    0.0")) << log[0];
+  EXPECT_NE(std::string::npos, log[0].find(" bundlerun-ui ")) << log[0];
+  EXPECT_NE(std::string::npos, log[0].find(" --json --log /tmp/harness/ui.log running " +
+                                           std::string(BUNDLERUN_BIN) + " ====="))
+      << log[0];
+  double stamp = 0;
+  for (size_t i = 0; i + 1 < log.size(); ++i) {
+    const std::string& line = log[i];
+    ASSERT_TRUE(line.size() >= 15 && line[0] == '[' && line[13] == ']' && line[14] == ' ') << line;
+    char* end = nullptr;
+    const double now = strtod(line.c_str() + 1, &end);
+    ASSERT_EQ(line.c_str() + 13, end) << line;
+    EXPECT_GE(now, stamp) << line;
+    stamp = now;
+  }
+  EXPECT_EQ("", log.back());
+
+  // The server's request log is stamped the same way, with its wall-clock time.
+  double served = 0;
+  for (const harness::Request& request : server_->requests()) {
+    EXPECT_GE(request.t, served) << request.path;
+    served = request.t;
+    EXPECT_EQ(27u, request.wall.size()) << request.wall;
+    EXPECT_EQ('T', request.wall[10]);
+    EXPECT_EQ('Z', request.wall.back());
   }
 }
 

@@ -19,6 +19,7 @@
 
 #include "desk_command_line.h"
 #include "display.h"
+#include "json_events.h"
 #include "record.h"
 #include "session_log.h"
 #include "update_session.h"
@@ -37,7 +38,9 @@ the same letters may come on standard input, one per line.
 
 Every line of the log starts with the seconds since the run began, as "[%12.6f] "; each run
 starts with a header line: the date and time, this program's version and arguments, and the
-bundlerun it runs.
+bundlerun it runs. --json writes the events the display shows, and the download's progress, as
+one JSON object per line: "t" (seconds since the run began), "stage", "event", "text" when the
+display would show something, and the event's own fields; the README lists the events.
 
 Environment:
   NO_COLOR           when set and not empty, --color=auto draws without colour
@@ -119,12 +122,16 @@ int main(int argc, char** argv) {
              return android::base::ParseInt(value, &options.stop_at, 0, 100);
            }},
           {"no-install", nullptr, "end after the integrity check", set(&options.install, false)},
+          {"json", nullptr,
+           "write one JSON object per event on standard output instead of the\n"
+           "display, each line flushed as it is written (see below)",
+           set(&options.json, true)},
       },
       kEpilogue,
   };
   const int status = ParseDeskCommandLine(tool, argc, argv);
   if (status >= 0) return status;
-  options.terminal = !plain && isatty(STDOUT_FILENO);
+  options.terminal = !plain && !options.json && isatty(STDOUT_FILENO);
 
   std::unique_ptr<FILE, int (*)(FILE*)> log(fopen(options.log_path.c_str(), "a"), fclose);
   if (!log) {
@@ -133,15 +140,20 @@ int main(int argc, char** argv) {
     return kUiUsage;
   }
 
-  // One record of the session; the log and the display read it.
+  // One record of the session; the log, and the display or the JSON stream read it.
   SessionRecord record;
   SessionLog session_log(log.get());
   record.AddListener(&session_log);
-  std::unique_ptr<Display> display =
-      Display::Create(options.terminal, options.verbose, options.color);
-  record.AddListener(display.get());
+  std::unique_ptr<Display> display;
+  JsonEventWriter json(stdout);
+  if (options.json) {
+    record.AddListener(&json);
+  } else {
+    display = Display::Create(options.terminal, options.verbose, options.color);
+    record.AddListener(display.get());
+  }
   UpdateSession session(options, record);
   const int result = session.Run();
-  display->ShowLine("bundlerun's log: " + options.log_path);
+  if (display) display->ShowLine("bundlerun's log: " + options.log_path);
   return result;
 }

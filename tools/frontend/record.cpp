@@ -14,7 +14,7 @@ namespace {
 
 using android::base::StringPrintf;
 
-// The name of each kind, in the order of EventKind.
+// The JSON stream's name of each kind, in the order of EventKind.
 constexpr const char* kEventNames[] = {
     "start",    "begin",   "task",      "rom",     "mirror", "progress",
     "command",  "paused",  "continued", "stopped", "retry",  "redirect",

@@ -4,7 +4,8 @@
  */
 
 // The one record of an update session: every event with its time, the download as it stands and
-// its speed over time. The display and the log both read it, so they never disagree.
+// its speed over time. The display, the log and the JSON stream all read it, so they never
+// disagree.
 
 #pragma once
 
@@ -17,7 +18,8 @@
 
 #include "desk_clock.h"
 
-// What happened. Adding a kind: a row here and its name in record.cpp.
+// What happened. Adding a kind: a row here, its name in record.cpp, and a row in the README's
+// event list.
 enum class EventKind {
   kStart,      // the run began: version, the bundlerun it runs, its arguments
   kBegin,      // a part of the update began: stage one, the ROM, stage two, ...
@@ -39,7 +41,7 @@ enum class EventKind {
   kResult,     // the run ended: exit status and totals
 };
 
-// Returns the name of |kind| ("retry").
+// Returns the name of |kind| in the JSON stream ("retry").
 const char* EventName(EventKind kind);
 
 using FieldValue =

@@ -35,6 +35,7 @@ struct UiOptions {
   bool terminal = false;
   bool color = false;
   bool verbose = false;
+  bool json = false;
   bool install = true;
   int stop_at = -1;  // send "stop" once the download reaches this percent
 };
