@@ -4,7 +4,7 @@
  */
 
 // bundlerun-ui through a whole update against the local server: plain lines for scripts, the
-// record of a run (JSON stream, stamped log), and the live terminal display driven with
+// record of a run (JSON stream, stamped log, picture), and the live terminal display driven with
 // keys in tmux.
 
 #include <android-base/strings.h>
@@ -31,6 +31,7 @@ using harness::WriteFile;
 
 constexpr char kRomZip[] = "/tmp/harness/mirror/base/V2.0/rom.zip";
 constexpr char kUiLog[] = "/tmp/harness/ui.log";
+constexpr char kReport[] = "/tmp/harness/report.svg";
 
 class FrontendTest : public harness::SandboxTest {
  protected:
@@ -43,8 +44,10 @@ class FrontendTest : public harness::SandboxTest {
   // Makes a sample ROM of |mib| MiB and serves it; |md5| overrides the digest the answer gives.
   void ServeRom(int mib, const std::vector<std::string>& extra = {}, std::string md5 = "") {
     ASSERT_EQ(
-        0, system((std::string(SAMPLE_ROM_MAKER) + " --size " + std::to_string(mib) + " " + kRomZip)
-                      .c_str()));
+        0,
+        system(
+            (std::string(SAMPLE_ROM_MAKER) + " --size " + std::to_string(mib) + " " + kRomZip)
+                .c_str()));
     if (md5.empty()) md5 = harness::Md5Sum(kRomZip);
     WriteFile("/tmp/harness/answer.json",
               R"({"LatestRom":{"version":"V2.0","filename":"rom.zip","filesize":")" +
@@ -95,13 +98,16 @@ TEST_F(FrontendTest, PlainModeRunsAWholeUpdateAndRefusesAWrongPackage) {
     SCOPED_TRACE(c.exit_status);
     ServeRom(4, {}, c.md5);
     std::string out;
-    EXPECT_EQ(c.exit_status, RunPlain({}, &out)) << out;
+    EXPECT_EQ(c.exit_status, RunPlain({"--report", kReport}, &out)) << out;
     size_t at = 0;
     for (const std::string& line : c.lines) {
       at = out.find(line, at);
       ASSERT_NE(std::string::npos, at) << line << " in\n" << out;
     }
     EXPECT_EQ(std::string::npos, out.find(c.never)) << out;
+    // A run that fails leaves its picture too.
+    EXPECT_NE(std::string::npos,
+              ReadFile(kReport).find("(exit status " + std::to_string(c.exit_status) + ")"));
     if (c.exit_status != 0) continue;
     // An unthrottled local mirror is done before bundlerun's first speed line: the speed shown
     // comes from the package file's growth.
@@ -129,7 +135,18 @@ double Number(const cJSON* event, const char* name) {
   return cJSON_GetNumberValue(cJSON_GetObjectItemCaseSensitive(event, name));
 }
 
-TEST_F(FrontendTest, RecordsAWholeUpdateAsJsonAndAStampedLog) {
+// Returns the width and height of the PNG image |png|, from its header.
+std::pair<uint32_t, uint32_t> PngSize(const std::string& png) {
+  if (png.size() < 24 || png.compare(0, 8, "\x89PNG\r\n\x1a\n") != 0) return {0, 0};
+  auto at = [&](size_t i) {
+    return static_cast<uint32_t>(static_cast<unsigned char>(png[i])) << 24 |
+           static_cast<unsigned char>(png[i + 1]) << 16 |
+           static_cast<unsigned char>(png[i + 2]) << 8 | static_cast<unsigned char>(png[i + 3]);
+  };
+  return {at(16), at(20)};
+}
+
+TEST_F(FrontendTest, RecordsAWholeUpdateAsJsonAStampedLogAndAPicture) {
   // The mirror sends the package to another address once, cuts its first two transfers there,
   // and sends 6 MiB at 2 MiB/s: long enough for a pause of a second.
   ServeRom(6, {"--rate", "2097152", "--drop-after", "1048576", "--drop-times", "2", "--redirect",
@@ -137,7 +154,8 @@ TEST_F(FrontendTest, RecordsAWholeUpdateAsJsonAndAStampedLog) {
   ASSERT_EQ(0, system((std::string("mkdir -p /tmp/harness/mirror/moved/V2.0 && cp ") + kRomZip +
                        " /tmp/harness/mirror/moved/V2.0/")
                           .c_str()));
-  auto ui = bundlerun_parent::Child::StartWithInput(UI_BIN, {"--json", "--log", kUiLog});
+  auto ui = bundlerun_parent::Child::StartWithInput(
+      UI_BIN, {"--json", "--log", kUiLog, "--report", kReport});
   ASSERT_NE(nullptr, ui);
 
   // The test is the person at the keys: "p" a third of the way, "c" a second after the pause.
@@ -183,7 +201,9 @@ TEST_F(FrontendTest, RecordsAWholeUpdateAsJsonAndAStampedLog) {
     const char* member;
     const char* value;
   } expected[] = {
-      {"start", "ui", "args", "[\"--json\",\"--log\",\"/tmp/harness/ui.log\"]"},
+      {"start", "ui", "args",
+       "[\"--json\",\"--log\",\"/tmp/harness/ui.log\",\"--report\","
+       "\"/tmp/harness/report.svg\"]"},
       {"task", "stage1", "status", "\"0:s\""},
       {"task", "stage1", "status", "\"1:s\""},
       {"task", "stage1", "status", "\"2:s:0\""},
@@ -256,8 +276,10 @@ TEST_F(FrontendTest, RecordsAWholeUpdateAsJsonAndAStampedLog) {
   ASSERT_GT(log.size(), 10u);
   EXPECT_TRUE(android::base::StartsWith(log[0], "[    0.0")) << log[0];
   EXPECT_NE(std::string::npos, log[0].find(" bundlerun-ui ")) << log[0];
-  EXPECT_NE(std::string::npos, log[0].find(" --json --log /tmp/harness/ui.log running " +
-                                           std::string(BUNDLERUN_BIN) + " ====="))
+  EXPECT_NE(
+      std::string::npos,
+      log[0].find(" --json --log /tmp/harness/ui.log --report /tmp/harness/report.svg running " +
+                  std::string(BUNDLERUN_BIN) + " ====="))
       << log[0];
   double stamp = 0;
   for (size_t i = 0; i + 1 < log.size(); ++i) {
@@ -280,6 +302,25 @@ TEST_F(FrontendTest, RecordsAWholeUpdateAsJsonAndAStampedLog) {
     EXPECT_EQ('T', request.wall[10]);
     EXPECT_EQ('Z', request.wall.back());
   }
+
+  // The picture renders, at its size, and is more than an empty page.
+  const std::string svg = ReadFile(kReport);
+  for (const char* label : {">retry<", ">redirect<", ">pause<", ">continue<", "package intact"}) {
+    EXPECT_NE(std::string::npos, svg.find(label)) << label;
+  }
+  const std::string png = std::string(TEST_ARTIFACTS_DIR) + "/bundlerun-ui-report.png";
+  WriteFile(std::string(TEST_ARTIFACTS_DIR) + "/bundlerun-ui-report.svg", svg);
+  ASSERT_EQ(0, system(("rsvg-convert -o " + png + " " + kReport).c_str()));
+  const auto [width, height] = PngSize(ReadFile(png));
+  EXPECT_EQ(1000u, width);
+  ASSERT_GT(height, 400u);
+  WriteFile("/tmp/harness/blank.svg",
+            "<svg xmlns=\"http://www.w3.org/2000/svg\" width=\"1000\" height=\"" +
+                std::to_string(height) +
+                "\"><rect width=\"100%\" height=\"100%\" fill=\"#ffffff\"/></svg>");
+  ASSERT_EQ(0, system("rsvg-convert -o /tmp/harness/blank.png /tmp/harness/blank.svg"));
+  // A page of one colour compresses to almost nothing; the picture does not.
+  EXPECT_GT(ReadFile(png).size(), 8 * ReadFile("/tmp/harness/blank.png").size());
 }
 
 // Returns what tmux shows in the front end's pane.

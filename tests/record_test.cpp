@@ -3,12 +3,13 @@
  * SPDX-License-Identifier: Apache-2.0
  */
 
-// The arithmetic of the front end's record: the smoothed download speed.
-
-#include "record.h"
+// The arithmetic of the front end's record: the smoothed download speed and the report's axes.
 
 #include <gtest/gtest.h>
 #include <math.h>
+
+#include "record.h"
+#include "svg_report.h"
 
 namespace {
 
@@ -55,6 +56,31 @@ TEST(RecordTest, SpeedIsAnAverageOverSecondsThatStartsAgainAfterAPauseOrARetry) 
   meter.Observe(t, 0);
   Grow(meter, &t, &bytes, 1 * kMB, 1);
   EXPECT_NEAR(1 * kMB, *meter.speed(), 1);
+}
+
+TEST(RecordTest, AxesHaveNiceStepsThatHoldTheirMaximum) {
+  struct Case {
+    double max;
+    int max_intervals;
+    double step;
+    double top;
+    int intervals;
+  } cases[] = {
+      {12.3, 10, 2, 14, 7},  {10, 5, 2, 10, 5},     {0.37, 5, 0.1, 0.4, 4},
+      {95, 10, 10, 100, 10}, {1234, 5, 500, 1500, 3}, {7, 1, 10, 10, 1},
+      {0, 5, 1, 1, 1},       {-3, 5, 1, 1, 1},
+  };
+  for (const Case& c : cases) {
+    SCOPED_TRACE(c.max);
+    const AxisScale axis = NiceAxis(c.max, c.max_intervals);
+    EXPECT_DOUBLE_EQ(c.step, axis.step);
+    EXPECT_DOUBLE_EQ(c.top, axis.top);
+    EXPECT_EQ(c.intervals, axis.intervals);
+  }
+  EXPECT_EQ("0.3", TickLabel(3 * 0.1, 0.1));
+  EXPECT_EQ("0.05", TickLabel(0.05, 0.05));
+  EXPECT_EQ("12", TickLabel(12, 2));
+  EXPECT_EQ("1500", TickLabel(1500, 500));
 }
 
 }  // namespace

@@ -22,6 +22,7 @@
 #include "json_events.h"
 #include "record.h"
 #include "session_log.h"
+#include "svg_report.h"
 #include "update_session.h"
 
 namespace {
@@ -126,6 +127,12 @@ int main(int argc, char** argv) {
            "write one JSON object per event on standard output instead of the\n"
            "display, each line flushed as it is written (see below)",
            set(&options.json, true)},
+          {"report", "FILE.svg",
+           "write a picture of the run to FILE.svg when it ends, whatever its\n"
+           "end: the parts of the update on one time axis, the download's\n"
+           "speed, its retries, redirects, pauses and stop, the verdict and the\n"
+           "install",
+           keep(&options.report_path)},
       },
       kEpilogue,
   };
@@ -133,14 +140,20 @@ int main(int argc, char** argv) {
   if (status >= 0) return status;
   options.terminal = !plain && !options.json && isatty(STDOUT_FILENO);
 
-  std::unique_ptr<FILE, int (*)(FILE*)> log(fopen(options.log_path.c_str(), "a"), fclose);
-  if (!log) {
-    fprintf(stderr, "bundlerun-ui: cannot open %s: %s\n", options.log_path.c_str(),
-            strerror(errno));
-    return kUiUsage;
+  // Files that cannot be written are a usage error before anything runs, not after the update.
+  using File = std::unique_ptr<FILE, int (*)(FILE*)>;
+  File log(fopen(options.log_path.c_str(), "a"), fclose);
+  File report(options.report_path.empty() ? nullptr : fopen(options.report_path.c_str(), "w"),
+              fclose);
+  for (const auto& [file, path] :
+       {std::pair{log.get(), &options.log_path}, std::pair{report.get(), &options.report_path}}) {
+    if (file == nullptr && !path->empty()) {
+      fprintf(stderr, "bundlerun-ui: cannot open %s: %s\n", path->c_str(), strerror(errno));
+      return kUiUsage;
+    }
   }
 
-  // One record of the session; the log, and the display or the JSON stream read it.
+  // One record of the session; the log, the display or the JSON stream, and the report read it.
   SessionRecord record;
   SessionLog session_log(log.get());
   record.AddListener(&session_log);
@@ -155,5 +168,15 @@ int main(int argc, char** argv) {
   UpdateSession session(options, record);
   const int result = session.Run();
   if (display) display->ShowLine("bundlerun's log: " + options.log_path);
+  if (report) {
+    const std::string svg = SvgReport(record);
+    if (fwrite(svg.data(), 1, svg.size(), report.get()) != svg.size() ||
+        fclose(report.release()) != 0) {
+      fprintf(stderr, "bundlerun-ui: cannot write %s: %s\n", options.report_path.c_str(),
+              strerror(errno));
+    } else if (display) {
+      display->ShowLine("report: " + options.report_path);
+    }
+  }
   return result;
 }

@@ -4,8 +4,8 @@
  */
 
 // The one record of an update session: every event with its time, the download as it stands and
-// its speed over time. The display, the log and the JSON stream all read it, so they never
-// disagree.
+// its speed over time. The display, the log, the JSON stream and the report all read it, so they
+// never disagree.
 
 #pragma once
 
@@ -18,8 +18,8 @@
 
 #include "desk_clock.h"
 
-// What happened. Adding a kind: a row here, its name in record.cpp, and a row in the README's
-// event list.
+// What happened. Adding a kind: a row here, its name in record.cpp, a mark in svg_report.cpp
+// when it belongs on the report's time axis, and a row in the README's event list.
 enum class EventKind {
   kStart,      // the run began: version, the bundlerun it runs, its arguments
   kBegin,      // a part of the update began: stage one, the ROM, stage two, ...

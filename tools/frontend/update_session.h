@@ -31,6 +31,7 @@ enum UiExit {
 struct UiOptions {
   std::string bundlerun;
   std::string log_path;
+  std::string report_path;
   std::vector<std::string> arguments;  // this program's command line, for the record
   bool terminal = false;
   bool color = false;
