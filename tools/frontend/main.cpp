@@ -142,16 +142,15 @@ int main(int argc, char** argv) {
 
   // Files that cannot be written are a usage error before anything runs, not after the update.
   using File = std::unique_ptr<FILE, int (*)(FILE*)>;
-  File log(fopen(options.log_path.c_str(), "a"), fclose);
-  File report(options.report_path.empty() ? nullptr : fopen(options.report_path.c_str(), "w"),
-              fclose);
-  for (const auto& [file, path] :
-       {std::pair{log.get(), &options.log_path}, std::pair{report.get(), &options.report_path}}) {
-    if (file == nullptr && !path->empty()) {
-      fprintf(stderr, "bundlerun-ui: cannot open %s: %s\n", path->c_str(), strerror(errno));
-      return kUiUsage;
-    }
-  }
+  auto open = [](const std::string& path, const char* mode) {
+    File file(fopen(path.c_str(), mode), fclose);
+    if (!file) fprintf(stderr, "bundlerun-ui: cannot open %s: %s\n", path.c_str(), strerror(errno));
+    return file;
+  };
+  File log = open(options.log_path, "a");
+  if (!log) return kUiUsage;
+  File report(nullptr, fclose);
+  if (!options.report_path.empty() && !(report = open(options.report_path, "w"))) return kUiUsage;
 
   // One record of the session; the log, the display or the JSON stream, and the report read it.
   SessionRecord record;
