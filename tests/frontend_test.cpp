@@ -3,10 +3,12 @@
  * SPDX-License-Identifier: Apache-2.0
  */
 
-// bundlerun-ui through a whole update against the local server: plain lines for scripts, and the
-// live terminal display driven with keys in tmux.
+// bundlerun-ui through a whole update against the local server: plain lines for scripts, the
+// record of a run (JSON stream, stamped log, picture), and the live terminal display driven with
+// keys in tmux.
 
 #include <android-base/strings.h>
+#include <cJSON.h>
 #include <gtest/gtest.h>
 #include <stdio.h>
 #include <stdlib.h>
@@ -29,6 +31,7 @@ using harness::WriteFile;
 
 constexpr char kRomZip[] = "/tmp/harness/mirror/base/V2.0/rom.zip";
 constexpr char kUiLog[] = "/tmp/harness/ui.log";
+constexpr char kReport[] = "/tmp/harness/report.svg";
 
 class FrontendTest : public harness::SandboxTest {
  protected:
@@ -95,13 +98,16 @@ TEST_F(FrontendTest, PlainModeRunsAWholeUpdateAndRefusesAWrongPackage) {
     SCOPED_TRACE(c.exit_status);
     ServeRom(4, {}, c.md5);
     std::string out;
-    EXPECT_EQ(c.exit_status, RunPlain({}, &out)) << out;
+    EXPECT_EQ(c.exit_status, RunPlain({"--report", kReport}, &out)) << out;
     size_t at = 0;
     for (const std::string& line : c.lines) {
       at = out.find(line, at);
       ASSERT_NE(std::string::npos, at) << line << " in\n" << out;
     }
     EXPECT_EQ(std::string::npos, out.find(c.never)) << out;
+    // A run that fails leaves its picture too.
+    EXPECT_NE(std::string::npos,
+              ReadFile(kReport).find("(exit status " + std::to_string(c.exit_status) + ")"));
     if (c.exit_status != 0) continue;
     // An unthrottled local mirror is done before bundlerun's first speed line: the speed shown
     // comes from the package file's growth.
@@ -112,9 +118,209 @@ TEST_F(FrontendTest, PlainModeRunsAWholeUpdateAndRefusesAWrongPackage) {
     EXPECT_TRUE(android::base::EndsWith(done_line, ", 0:00 left")) << done_line;
     // The log holds bundlerun's own lines, section by section.
     const std::string log = ReadFile(kUiLog);
-    EXPECT_NE(std::string::npos, log.find("===== stage two =====\n"));
-    EXPECT_NE(std::string::npos, log.find("I:Bye bye, RUN_UPDATER\n"));
+    EXPECT_NE(std::string::npos, log.find("] ===== Stage two: download =====\n"));
+    EXPECT_NE(std::string::npos, log.find("] I:Bye bye, RUN_UPDATER\n"));
   }
+}
+
+// Returns member |name| of |event| as compact JSON ("\"0:s\"", "2", "true"), or "" without it.
+std::string Member(const cJSON* event, const char* name) {
+  const cJSON* item = cJSON_GetObjectItemCaseSensitive(event, name);
+  if (item == nullptr) return "";
+  std::unique_ptr<char, decltype(&free)> text(cJSON_PrintUnformatted(item), free);
+  return text.get();
+}
+
+double Number(const cJSON* event, const char* name) {
+  return cJSON_GetNumberValue(cJSON_GetObjectItemCaseSensitive(event, name));
+}
+
+// Returns the width and height of the PNG image |png|, from its header.
+std::pair<uint32_t, uint32_t> PngSize(const std::string& png) {
+  if (png.size() < 24 || png.compare(0, 8, "\x89PNG\r\n\x1a\n") != 0) return {0, 0};
+  auto at = [&](size_t i) {
+    return static_cast<uint32_t>(static_cast<unsigned char>(png[i])) << 24 |
+           static_cast<unsigned char>(png[i + 1]) << 16 |
+           static_cast<unsigned char>(png[i + 2]) << 8 | static_cast<unsigned char>(png[i + 3]);
+  };
+  return {at(16), at(20)};
+}
+
+TEST_F(FrontendTest, RecordsAWholeUpdateAsJsonAStampedLogAndAPicture) {
+  // The mirror sends the package to another address once, cuts its first two transfers there,
+  // and sends 6 MiB at 2 MiB/s: long enough for a pause of a second.
+  ServeRom(6, {"--rate", "2097152", "--drop-after", "1048576", "--drop-times", "2", "--redirect",
+               "/base/V2.0/rom.zip=http://mirror.yonda.example/moved/V2.0/rom.zip?from=base&n=1"});
+  ASSERT_EQ(0, system((std::string("mkdir -p /tmp/harness/mirror/moved/V2.0 && cp ") + kRomZip +
+                       " /tmp/harness/mirror/moved/V2.0/")
+                          .c_str()));
+  auto ui = bundlerun_parent::Child::StartWithInput(
+      UI_BIN, {"--json", "--log", kUiLog, "--report", kReport});
+  ASSERT_NE(nullptr, ui);
+
+  // The test is the person at the keys: "p" a third of the way, "c" a second after the pause.
+  std::vector<std::unique_ptr<cJSON, void (*)(cJSON*)>> events;
+  size_t seen = 0;
+  double paused_at = -1;
+  bool pause_sent = false;
+  bool continue_sent = false;
+  auto take = [&] {
+    size_t end;
+    while ((end = ui->out().find('\n', seen)) != std::string::npos) {
+      const std::string line = ui->out().substr(seen, end - seen);
+      seen = end + 1;
+      events.emplace_back(cJSON_Parse(line.c_str()), cJSON_Delete);
+      ASSERT_TRUE(events.back()) << "not JSON: " << line;
+      const cJSON* e = events.back().get();
+      const std::string kind = Member(e, "event");
+      if (!pause_sent && kind == "\"progress\"" && Number(e, "percent") >= 30) {
+        pause_sent = ui->SendCommand("p\n");
+      }
+      if (kind == "\"paused\"") paused_at = Number(e, "t");
+      if (paused_at >= 0 && !continue_sent && Number(e, "t") >= paused_at + 1) {
+        continue_sent = ui->SendCommand("c\n");
+      }
+    }
+  };
+  const auto deadline = std::chrono::steady_clock::now() + 120s;
+  while (ui->running() && std::chrono::steady_clock::now() < deadline) {
+    ui->Pump(100ms);
+    ASSERT_NO_FATAL_FAILURE(take());
+  }
+  const int status = ui->WaitForExit(30s);
+  ASSERT_NO_FATAL_FAILURE(take());
+  WriteFile(std::string(TEST_ARTIFACTS_DIR) + "/bundlerun-ui.json", ui->out());
+  ASSERT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 0) << status << ui->err();
+  EXPECT_EQ(seen, ui->out().size()) << "every line ends with a line feed";
+
+  // The events in order, each with its time, stage and kind; the ones that tell the story with
+  // what they say.
+  struct Expected {
+    const char* event;
+    const char* stage;
+    const char* member;
+    const char* value;
+  } expected[] = {
+      {"start", "ui", "args",
+       "[\"--json\",\"--log\",\"/tmp/harness/ui.log\",\"--report\","
+       "\"/tmp/harness/report.svg\"]"},
+      {"task", "stage1", "status", "\"0:s\""},
+      {"task", "stage1", "status", "\"1:s\""},
+      {"task", "stage1", "status", "\"2:s:0\""},
+      {"rom", "rom", "size", "6291456"},
+      {"mirror", "stage2", "url", "\"http://mirror.yonda.example/base/V2.0/rom.zip\""},
+      {"redirect", "stage2", "url",
+       "\"http://mirror.yonda.example/moved/V2.0/rom.zip?from=base&n=1\""},
+      {"command", "stage2", "command", "\"p\""},
+      {"paused", "stage2", "status", "\"3:r:p\""},
+      {"command", "stage2", "command", "\"c\""},
+      {"continued", "stage2", "status", "\"3:r:c\""},
+      {"task", "stage2", "name", "\"download\""},
+      {"download", "stage2", "outcome", "\"complete\""},
+      {"verdict", "verify", "ok", "true"},
+      {"installer", "install", "text", "\"Install complete\""},
+      {"install", "install", "ok", "true"},
+      {"result", "done", "status", "0"},
+  };
+  size_t next = 0;
+  double t = 0;
+  double last_progress = -1;
+  int paused_progress = 0;
+  std::vector<const cJSON*> retries;
+  const cJSON* download = nullptr;
+  for (const auto& owned : events) {
+    const cJSON* e = owned.get();
+    SCOPED_TRACE(Member(e, "t") + " " + Member(e, "event"));
+    EXPECT_GE(Number(e, "t"), t);
+    t = Number(e, "t");
+    const std::string kind = Member(e, "event");
+    ASSERT_NE("", Member(e, "stage"));
+    if (next < std::size(expected) && kind == std::string("\"") + expected[next].event + "\"" &&
+        Member(e, expected[next].member) == expected[next].value) {
+      EXPECT_EQ(std::string("\"") + expected[next].stage + "\"", Member(e, "stage"));
+      ++next;
+    }
+    if (kind == "\"retry\"") retries.push_back(e);
+    if (kind == "\"download\"") download = e;
+    if (kind != "\"progress\"") continue;
+    // At most a few progress lines a second (the last comes when the download ends), and none
+    // says a speed or a time left while paused.
+    if (Member(e, "state") != "\"complete\"") {
+      EXPECT_GE(t - last_progress, 0.45);
+    }
+    last_progress = t;
+    if (Member(e, "state") == "\"paused\"") {
+      ++paused_progress;
+      EXPECT_EQ("null", Member(e, "speed"));
+      EXPECT_EQ("null", Member(e, "eta"));
+    }
+  }
+  EXPECT_GE(paused_progress, 1);
+  EXPECT_EQ(std::size(expected), next)
+      << "missing: " << expected[std::min(next, std::size(expected) - 1)].event;
+  EXPECT_EQ("\"result\"", Member(events.back().get(), "event"));
+  ASSERT_EQ(2u, retries.size());
+  for (const cJSON* retry : retries) {
+    EXPECT_TRUE(android::base::StartsWith(Member(retry, "status"), "\"3:f:"))
+        << Member(retry, "status");
+  }
+  ASSERT_NE(nullptr, download);
+  EXPECT_EQ("6291456", Member(download, "bytes"));
+  EXPECT_EQ("2", Member(download, "retries"));
+  EXPECT_EQ("1", Member(download, "redirects"));
+  EXPECT_EQ("1", Member(download, "pauses"));
+  EXPECT_GE(Number(download, "paused"), 1);
+
+  // Every line of the log is stamped, the stamps never go back, and the run starts with its header.
+  const std::vector<std::string> log = android::base::Split(ReadFile(kUiLog), "\n");
+  ASSERT_GT(log.size(), 10u);
+  EXPECT_TRUE(android::base::StartsWith(log[0], "[    0.0")) << log[0];
+  EXPECT_NE(std::string::npos, log[0].find(" bundlerun-ui ")) << log[0];
+  EXPECT_NE(
+      std::string::npos,
+      log[0].find(" --json --log /tmp/harness/ui.log --report /tmp/harness/report.svg running " +
+                  std::string(BUNDLERUN_BIN) + " ====="))
+      << log[0];
+  double stamp = 0;
+  for (size_t i = 0; i + 1 < log.size(); ++i) {
+    const std::string& line = log[i];
+    ASSERT_TRUE(line.size() >= 15 && line[0] == '[' && line[13] == ']' && line[14] == ' ') << line;
+    char* end = nullptr;
+    const double now = strtod(line.c_str() + 1, &end);
+    ASSERT_EQ(line.c_str() + 13, end) << line;
+    EXPECT_GE(now, stamp) << line;
+    stamp = now;
+  }
+  EXPECT_EQ("", log.back());
+
+  // The server's request log is stamped the same way, with its wall-clock time.
+  double served = 0;
+  for (const harness::Request& request : server_->requests()) {
+    EXPECT_GE(request.t, served) << request.path;
+    served = request.t;
+    EXPECT_EQ(27u, request.wall.size()) << request.wall;
+    EXPECT_EQ('T', request.wall[10]);
+    EXPECT_EQ('Z', request.wall.back());
+  }
+
+  // The picture renders, at its size, and is more than an empty page.
+  const std::string svg = ReadFile(kReport);
+  for (const char* label : {">retry<", ">redirect<", ">pause<", ">continue<", "package intact"}) {
+    EXPECT_NE(std::string::npos, svg.find(label)) << label;
+  }
+  const std::string png = std::string(TEST_ARTIFACTS_DIR) + "/bundlerun-ui-report.png";
+  WriteFile(std::string(TEST_ARTIFACTS_DIR) + "/bundlerun-ui-report.svg", svg);
+  ASSERT_EQ(0, system(("rsvg-convert -o " + png + " " + kReport).c_str()));
+  const auto [width, height] = PngSize(ReadFile(png));
+  EXPECT_EQ(1000u, width);
+  ASSERT_GT(height, 400u);
+  WriteFile("/tmp/harness/blank.svg",
+            "<svg xmlns=\"http://www.w3.org/2000/svg\" width=\"1000\" height=\"" +
+                std::to_string(height) +
+                "\"><rect width=\"100%\" height=\"100%\" fill=\"#ffffff\"/></svg>");
+  ASSERT_EQ(0, system("rsvg-convert -o /tmp/harness/blank.png /tmp/harness/blank.svg"));
+  // A page of one colour compresses to almost nothing; the picture does not.
+  EXPECT_GT(ReadFile(png).size(), 8 * ReadFile("/tmp/harness/blank.png").size());
 }
 
 // Returns what tmux shows in the front end's pane.
@@ -131,17 +337,29 @@ bool WaitForScreen(const std::string& text, std::chrono::seconds timeout) {
   return false;
 }
 
-TEST_F(FrontendTest, TerminalModeShowsTheBarAndObeysKeys) {
+TEST_F(FrontendTest, TerminalModeFitsTheBarToEightyColumnsAndObeysKeys) {
   ServeRom(8, {"--rate", "1048576"});
-  const std::string command = std::string("tmux new-session -d -s ui -x 130 -y 45 '") +
+  const std::string command = std::string("tmux new-session -d -s ui -x 80 -y 45 '") +
                               harness::ShellProgram(UI_BIN) + " --log " + kUiLog +
                               "; echo EXIT:$?; sleep 600'";
   ASSERT_EQ(0, system(command.c_str()));
-  // The bar is up once its key hint shows.
-  ASSERT_TRUE(WaitForScreen("[p]ause [c]ontinue [s]top", 60s)) << Screen();
-  EXPECT_NE(std::string::npos, Screen().find("  downloading  ")) << Screen();
+  // Returns the bar's line once it shows |hint|, whole within the width.
+  auto bar = [](const std::string& hint) {
+    EXPECT_TRUE(WaitForScreen(hint, 60s)) << Screen();
+    for (const std::string& line : android::base::Split(Screen(), "\n")) {
+      if (line.find(hint) != std::string::npos) return line;
+    }
+    return std::string();
+  };
+  ASSERT_TRUE(WaitForScreen("B/s  ETA ", 60s)) << Screen();
+  const std::string running = bar("  downloading  [p]ause [s]top");
+  EXPECT_LT(running.size(), 80u) << running;
+  EXPECT_NE(std::string::npos, running.find("B/s  ETA ")) << running;
   ASSERT_EQ(0, system("tmux send-keys -t ui p"));
-  EXPECT_TRUE(WaitForScreen("paused", 20s)) << Screen();
+  // No speed and no time left while paused.
+  const std::string paused = bar("  paused  [c]ontinue [s]top");
+  EXPECT_EQ(std::string::npos, paused.find("B/s")) << paused;
+  EXPECT_EQ(std::string::npos, paused.find("ETA")) << paused;
   ASSERT_EQ(0, system("tmux send-keys -t ui s"));
   EXPECT_TRUE(WaitForScreen("EXIT:", 30s)) << Screen();
 

@@ -159,8 +159,16 @@ std::vector<Request> UpdateServer::requests() const {
       const char* value = cJSON_GetStringValue(cJSON_GetObjectItemCaseSensitive(entry.get(), name));
       return std::string(value ? value : "");
     };
-    Request request{text("method"), text("path"), text("host"), text("local"), {},
-                    text("body"),   text("query")};
+    const double t = cJSON_GetNumberValue(cJSON_GetObjectItemCaseSensitive(entry.get(), "t"));
+    Request request{text("method"),
+                    text("path"),
+                    text("host"),
+                    text("local"),
+                    {},
+                    text("body"),
+                    text("query"),
+                    t,
+                    text("wall")};
     const cJSON* pair;
     cJSON_ArrayForEach(pair, cJSON_GetObjectItemCaseSensitive(entry.get(), "headers")) {
       request.headers.emplace_back(cJSON_GetStringValue(cJSON_GetArrayItem(pair, 0)),

@@ -87,6 +87,8 @@ struct Request {
   std::vector<std::pair<std::string, std::string>> headers;
   std::string body;
   std::string query;  // the deciphered update query, for the update endpoint
+  double t = 0;       // seconds since the server started
+  std::string wall;   // when it was received, ISO 8601 in UTC
   // Returns the value of header |name| (case-insensitive), or "(none)".
   std::string header(const std::string& name) const;
 };

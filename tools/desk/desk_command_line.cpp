@@ -69,10 +69,10 @@ std::string HelpText(const DeskTool& tool) {
 // Prints the name, the version and the commit of the build, then the copyright, as the tools
 // beside it on a Debian desk do.
 void PrintVersion(const char* name) {
-  printf("%s %s", name, kBundlerunVersion);
-  if (kBundlerunGitCommit[0] != '\0') printf(" (git %s)", kBundlerunGitCommit);
-  printf("\nCopyright (C) 2026 The bundlerun Authors\n"
-         "License: Apache-2.0 <https://www.apache.org/licenses/LICENSE-2.0>\n");
+  printf(
+      "%s %s\nCopyright (C) 2026 The bundlerun Authors\n"
+      "License: Apache-2.0 <https://www.apache.org/licenses/LICENSE-2.0>\n",
+      name, DeskToolVersion().c_str());
 }
 
 // Names what is wrong on standard error, with the usage line; returns kExitUsage.
@@ -102,6 +102,12 @@ std::string Refusal(const DeskTool& tool, const std::string& argument, int code)
 
 }  // namespace
 
+std::string DeskToolVersion() {
+  std::string version = kBundlerunVersion;
+  if (kBundlerunGitCommit[0] != '\0') version += std::string(" (git ") + kBundlerunGitCommit + ")";
+  return version;
+}
+
 int ParseDeskCommandLine(const DeskTool& tool, int argc, char** argv) {
   std::vector<option> long_options;
   for (size_t i = 0; i < tool.options.size(); ++i) {
@@ -130,15 +136,15 @@ int ParseDeskCommandLine(const DeskTool& tool, int argc, char** argv) {
     if (value == '?') return UsageError(tool, Refusal(tool, argument, optopt));
     if (value == ':') {
       const DeskOption& row = tool.options[optopt - kFirstRowValue];
-      return UsageError(tool, "option '--" + std::string(row.name) + "' needs a value (" +
-                                  row.value_name + ")");
+      return UsageError(
+          tool, "option '--" + std::string(row.name) + "' needs a value (" + row.value_name + ")");
     }
     const DeskOption& row = tool.options[value - kFirstRowValue];
     std::string expected;
     const std::string given = optarg != nullptr ? optarg : "";
     if (!row.apply(given, &expected)) {
-      return UsageError(tool, "option '--" + std::string(row.name) + "': '" + given +
-                                  "' is not " + expected);
+      return UsageError(
+          tool, "option '--" + std::string(row.name) + "': '" + given + "' is not " + expected);
     }
   }
   if (optind < argc) {

@@ -33,6 +33,10 @@ struct DeskTool {
   const char* epilogue;  // what follows the options: further sections, the exit status
 };
 
+// Returns the version of the desk tools with the commit they were built from, "1.0.0 (git
+// 1a2b3c4)".
+std::string DeskToolVersion();
+
 // Parses |argv| for |tool|. Returns -1 when the tool goes on; otherwise the status to exit with:
 // 0 after --help or --version (printed on standard output), kExitUsage after an error (named on
 // standard error with the usage line).

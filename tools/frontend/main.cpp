@@ -19,6 +19,10 @@
 
 #include "desk_command_line.h"
 #include "display.h"
+#include "json_events.h"
+#include "record.h"
+#include "session_log.h"
+#include "svg_report.h"
 #include "update_session.h"
 
 namespace {
@@ -32,6 +36,12 @@ continue and s to stop), the integrity check against the ROM's md5, and the inst
 constexpr char kEpilogue[] =
     R"(Keys during the download, on a terminal: p pause, c continue, s stop. Without a terminal
 the same letters may come on standard input, one per line.
+
+Every line of the log starts with the seconds since the run began, as "[%12.6f] "; each run
+starts with a header line: the date and time, this program's version and arguments, and the
+bundlerun it runs. --json writes the events the display shows, and the download's progress, as
+one JSON object per line: "t" (seconds since the run began), "stage", "event", "text" when the
+display would show something, and the event's own fields; the README lists the events.
 
 Environment:
   NO_COLOR           when set and not empty, --color=auto draws without colour
@@ -68,6 +78,7 @@ int main(int argc, char** argv) {
   options.log_path = "/tmp/bundlerun-ui.log";
   options.color = AutoColor();
   bool plain = false;
+  for (int i = 1; i < argc; ++i) options.arguments.push_back(argv[i]);
   // Options that only store their value, or a fixed one.
   auto keep = [](std::string* target) {
     return [=](const std::string& value, std::string*) {
@@ -112,25 +123,59 @@ int main(int argc, char** argv) {
              return android::base::ParseInt(value, &options.stop_at, 0, 100);
            }},
           {"no-install", nullptr, "end after the integrity check", set(&options.install, false)},
+          {"json", nullptr,
+           "write one JSON object per event on standard output instead of the\n"
+           "display, each line flushed as it is written (see below)",
+           set(&options.json, true)},
+          {"report", "FILE.svg",
+           "write a picture of the run to FILE.svg when it ends, whatever its\n"
+           "end: the parts of the update on one time axis, the download's\n"
+           "speed, its retries, redirects, pauses and stop, the verdict and the\n"
+           "install",
+           keep(&options.report_path)},
       },
       kEpilogue,
   };
   const int status = ParseDeskCommandLine(tool, argc, argv);
   if (status >= 0) return status;
-  options.terminal = !plain && isatty(STDOUT_FILENO);
+  options.terminal = !plain && !options.json && isatty(STDOUT_FILENO);
 
-  std::unique_ptr<FILE, int (*)(FILE*)> log(fopen(options.log_path.c_str(), "a"), fclose);
-  if (!log) {
-    fprintf(stderr, "bundlerun-ui: cannot open %s: %s\n", options.log_path.c_str(),
-            strerror(errno));
-    return kUiUsage;
+  // Files that cannot be written are a usage error before anything runs, not after the update.
+  using File = std::unique_ptr<FILE, int (*)(FILE*)>;
+  auto open = [](const std::string& path, const char* mode) {
+    File file(fopen(path.c_str(), mode), fclose);
+    if (!file) fprintf(stderr, "bundlerun-ui: cannot open %s: %s\n", path.c_str(), strerror(errno));
+    return file;
+  };
+  File log = open(options.log_path, "a");
+  if (!log) return kUiUsage;
+  File report(nullptr, fclose);
+  if (!options.report_path.empty() && !(report = open(options.report_path, "w"))) return kUiUsage;
+
+  // One record of the session; the log, the display or the JSON stream, and the report read it.
+  SessionRecord record;
+  SessionLog session_log(log.get());
+  record.AddListener(&session_log);
+  std::unique_ptr<Display> display;
+  JsonEventWriter json(stdout);
+  if (options.json) {
+    record.AddListener(&json);
+  } else {
+    display = Display::Create(options.terminal, options.verbose, options.color);
+    record.AddListener(display.get());
   }
-  std::unique_ptr<Display> display =
-      Display::Create(options.terminal, options.verbose, options.color);
-  UpdateSession session(options, *display, log.get());
-  int result = session.Run();
-  display->Section("done", "Done");
-  display->Event(result == kUiDone ? "update finished" : "update did not finish");
-  display->Event("bundlerun's log: " + options.log_path);
+  UpdateSession session(options, record);
+  const int result = session.Run();
+  if (display) display->ShowLine("bundlerun's log: " + options.log_path);
+  if (report) {
+    const std::string svg = SvgReport(record);
+    if (fwrite(svg.data(), 1, svg.size(), report.get()) != svg.size() ||
+        fclose(report.release()) != 0) {
+      fprintf(stderr, "bundlerun-ui: cannot write %s: %s\n", options.report_path.c_str(),
+              strerror(errno));
+    } else if (display) {
+      display->ShowLine("report: " + options.report_path);
+    }
+  }
   return result;
 }

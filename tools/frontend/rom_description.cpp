@@ -7,8 +7,6 @@
 
 #include <android-base/file.h>
 #include <android-base/parseint.h>
-#include <android-base/stringprintf.h>
-#include <stdio.h>
 
 namespace {
 
@@ -80,16 +78,4 @@ std::optional<PackageAddress> ChoosePackageAddress(const RomDescription& rom, st
     address.host.resize(slash);
   }
   return address;
-}
-
-std::string HumanBytes(uint64_t bytes) {
-  static constexpr const char* kUnits[] = {"B", "KiB", "MiB", "GiB", "TiB"};
-  double value = static_cast<double>(bytes);
-  size_t unit = 0;
-  while (value >= 1024 && unit + 1 < std::size(kUnits)) {
-    value /= 1024;
-    ++unit;
-  }
-  return unit == 0 ? android::base::StringPrintf("%llu B", static_cast<unsigned long long>(bytes))
-                   : android::base::StringPrintf("%.1f %s", value, kUnits[unit]);
 }

@@ -41,6 +41,3 @@ struct PackageAddress {
 // a base path in the host moved in front of the path. Nothing, with |error| set, when no address
 // can be built.
 std::optional<PackageAddress> ChoosePackageAddress(const RomDescription& rom, std::string* error);
-
-// Returns |bytes| in human units, such as "256.0 MiB".
-std::string HumanBytes(uint64_t bytes);

@@ -31,6 +31,7 @@ constexpr char kUpdateBinaryPath[] = "/tmp/update-binary";
 constexpr char kUiPrintPrefix[] = "E:ui_print: ";
 constexpr char kCantRunPrefix[] = "E:Can't run ";
 constexpr char kByeBye[] = "I:Bye bye, RUN_UPDATER";
+constexpr char kRedirectPrefix[] = "D:>> Redirected URL=";
 
 std::atomic<bool> g_interrupted{false};
 
@@ -46,10 +47,15 @@ std::string Meaning(const std::string& payload) {
   return "libcurl " + payload + ", " + curl_easy_strerror(static_cast<CURLcode>(code));
 }
 
+// Returns the name of a task of stage one.
+std::string TaskName(int index) {
+  static const char* const kTasks[] = {"server time", "update query", "package probe"};
+  return index >= 0 && index < 3 ? kTasks[index] : "task";
+}
+
 // Returns what a record of stage one says, for the display.
 std::string DescribeStageOne(const StatusRecord& r) {
-  static const char* const kTasks[] = {"server time", "update query", "package probe"};
-  const std::string task = r.index >= 0 && r.index < 3 ? kTasks[r.index] : "task";
+  const std::string task = TaskName(r.index);
   const std::string raw = " (" + r.text() + ")";
   if (r.letter == 'f') return task + " failed: " + Meaning(r.payload) + raw;
   if (r.index == 0) return "clock set from the update server" + raw;
@@ -57,6 +63,36 @@ std::string DescribeStageOne(const StatusRecord& r) {
   if (r.payload == "0") return "a ROM is offered, its package address answered" + raw;
   if (r.payload == "2") return "no ROM is offered: the device is up to date" + raw;
   return task + " done" + raw;
+}
+
+// Returns the fields of a task's status record: its index, name and line, whether it succeeded,
+// and for a failure the code and what it means.
+std::vector<Field> TaskFields(const StatusRecord& r, const std::string& name) {
+  std::vector<Field> fields = {
+      {"task", int64_t{r.index}}, {"name", name}, {"status", r.text()}, {"ok", r.letter != 'f'}};
+  if (r.letter == 'f') {
+    fields.push_back({"code", r.payload});
+    fields.push_back({"meaning", Meaning(r.payload)});
+  }
+  return fields;
+}
+
+// Returns what an exit status of this program says.
+const char* Outcome(int status) {
+  switch (status) {
+    case kUiDone:
+      return "done";
+    case kUiStageFailed:
+      return "stage failed";
+    case kUiPackageMismatch:
+      return "package mismatch";
+    case kUiInstallFailed:
+      return "install failed";
+    case kUiStopped:
+      return "stopped";
+    default:
+      return "usage";
+  }
 }
 
 // Returns the size of |path|, or 0.
@@ -87,8 +123,8 @@ class KeyMode {
 
 }  // namespace
 
-UpdateSession::UpdateSession(const UiOptions& options, Display& display, FILE* log)
-    : options_(options), display_(display), log_(log) {
+UpdateSession::UpdateSession(const UiOptions& options, SessionRecord& record)
+    : options_(options), record_(record) {
   // Outside the update boot image bundlerun keeps its scratch tree on a tmpfs under /cache.
   const bool boot_environment =
       android::base::GetProperty("ro.bootimage.name", "android") == "yonda";
@@ -100,56 +136,88 @@ UpdateSession::UpdateSession(const UiOptions& options, Display& display, FILE* l
 }
 
 int UpdateSession::Run() {
-  // The front end owns the terminal for the whole update: keys act, they are not echoed.
-  KeyMode keys(options_.terminal && isatty(STDIN_FILENO));
-  bool failed = false;
-  if (!StageOne(&failed)) return failed ? kUiStageFailed : kUiDone;
-  RomDescription rom;
-  PackageAddress address;
-  if (!ShowRom(&rom, &address)) return kUiStageFailed;
-  int result = StageTwo(rom, address);
-  if (result != kUiDone || !options_.install) return result;
-  return Install();
+  record_.Add(EventKind::kStart, "",
+              {{"version", DeskToolVersion()},
+               {"bundlerun", options_.bundlerun},
+               {"args", options_.arguments},
+               {"wall", record_.clock().started()},
+               {"log", options_.log_path}});
+  int result = kUiDone;
+  {
+    // The front end owns the terminal for the whole update: keys act, they are not echoed.
+    KeyMode keys(options_.terminal && isatty(STDIN_FILENO));
+    bool failed = false;
+    RomDescription rom;
+    PackageAddress address;
+    if (!StageOne(&failed)) {
+      result = failed ? kUiStageFailed : kUiDone;
+    } else if (!ShowRom(&rom, &address)) {
+      result = kUiStageFailed;
+    } else {
+      result = StageTwo(rom, address);
+      if (result == kUiDone && options_.install) result = Install();
+    }
+  }
+  RecordResult(result);
+  return result;
 }
 
-void UpdateSession::BeginLogSection(const std::string& title) {
-  fprintf(log_, "\n===== %s =====\n", title.c_str());
-  fflush(log_);
+void UpdateSession::RecordResult(int status) {
+  const DownloadState& d = record_.download();
+  record_.Begin("done", "Done");
+  record_.Add(EventKind::kResult, status == kUiDone ? "update finished" : "update did not finish",
+              {{"status", int64_t{status}},
+               {"outcome", Outcome(status)},
+               {"elapsed", record_.Now()},
+               {"bytes", static_cast<int64_t>(d.bytes >= d.held ? d.bytes - d.held : 0)},
+               {"retries", int64_t{d.retries}},
+               {"redirects", int64_t{d.redirects}},
+               {"pauses", int64_t{d.pauses}}});
+}
+
+void UpdateSession::ResetChannels() {
   parser_ = bundlerun_parent::StatusParser();
   status_seen_ = out_seen_ = err_seen_ = 0;
-  partial_line_.clear();
+  partial_out_.clear();
+  partial_err_.clear();
+}
+
+void UpdateSession::CannotStart() {
+  record_.Add(EventKind::kNote, "cannot start " + options_.bundlerun + ": " + strerror(errno));
 }
 
 void UpdateSession::OnLogLine(const std::string& line) {
-  fprintf(log_, "%s\n", line.c_str());
-  if (installing_) {
-    if (android::base::StartsWith(line, kUiPrintPrefix)) {
-      display_.Event(line.substr(strlen(kUiPrintPrefix)));
-      return;
-    }
-    if (android::base::StartsWith(line, kCantRunPrefix)) {
-      cannot_run_ = true;
-      display_.Event(line.substr(2));
-      return;
-    }
-    if (line == kByeBye) installer_done_ = true;
+  record_.LogLine(line);
+  if (downloading_ && android::base::StartsWith(line, kRedirectPrefix)) {
+    const std::string url = line.substr(strlen(kRedirectPrefix));
+    record_.Add(EventKind::kRedirect, "transfer redirected to " + url, {{"url", url}});
   }
-  display_.Log(line);
+  if (!installing_) return;
+  if (android::base::StartsWith(line, kUiPrintPrefix)) {
+    const std::string text = line.substr(strlen(kUiPrintPrefix));
+    record_.Add(EventKind::kInstaller, text);
+  } else if (android::base::StartsWith(line, kCantRunPrefix)) {
+    cannot_run_ = true;
+    record_.Add(EventKind::kNote, line.substr(2));
+  } else if (line == kByeBye) {
+    installer_done_ = true;
+  }
 }
 
 std::vector<StatusRecord> UpdateSession::Drain(Child& child) {
-  const std::string& out = child.out();
-  partial_line_ += out.substr(out_seen_);
-  out_seen_ = out.size();
-  size_t end;
-  while ((end = partial_line_.find('\n')) != std::string::npos) {
-    OnLogLine(partial_line_.substr(0, end));
-    partial_line_.erase(0, end + 1);
-  }
-  const std::string& err = child.err();
-  fwrite(err.data() + err_seen_, 1, err.size() - err_seen_, log_);
-  err_seen_ = err.size();
-  fflush(log_);
+  // Complete lines of standard output and standard error go to the record as they come.
+  auto lines = [this](const std::string& bytes, size_t* seen, std::string* partial) {
+    *partial += bytes.substr(*seen);
+    *seen = bytes.size();
+    size_t end;
+    while ((end = partial->find('\n')) != std::string::npos) {
+      const std::string line = partial->substr(0, end);
+      partial->erase(0, end + 1);
+      OnLogLine(line);
+    }
+  };
+  lines(child.out(), &out_seen_, &partial_out_);
+  lines(child.err(), &err_seen_, &partial_err_);
 
   const std::string& status = child.status();
   std::vector<StatusRecord> records = parser_.Feed(status.substr(status_seen_));
@@ -160,31 +228,34 @@ std::vector<StatusRecord> UpdateSession::Drain(Child& child) {
 std::vector<StatusRecord> UpdateSession::Finish(Child& child) {
   int status = child.WaitForExit(30s);
   std::vector<StatusRecord> records = Drain(child);
-  if (!partial_line_.empty()) OnLogLine(partial_line_);
-  partial_line_.clear();
+  for (std::string* partial : {&partial_out_, &partial_err_}) {
+    if (!partial->empty()) OnLogLine(*partial);
+    partial->clear();
+  }
   for (StatusRecord& r : parser_.Finish()) records.push_back(r);
   if (status == -1 || !WIFEXITED(status) || WEXITSTATUS(status) != 0) {
-    display_.Event(WIFSIGNALED(status)
-                       ? "bundlerun ended abnormally (signal " + std::to_string(WTERMSIG(status)) +
-                             "); see the log"
-                       : "bundlerun ended with status " + std::to_string(WEXITSTATUS(status)));
+    record_.Add(EventKind::kNote,
+                WIFSIGNALED(status)
+                    ? "bundlerun ended abnormally (signal " + std::to_string(WTERMSIG(status)) +
+                          "); see the log"
+                    : "bundlerun ended with status " + std::to_string(WEXITSTATUS(status)));
   }
   return records;
 }
 
 bool UpdateSession::StageOne(bool* failed) {
-  display_.Section("stage1", "Stage one: server time, update query, package probe");
-  BeginLogSection("stage one");
+  record_.Begin("stage1", "Stage one: server time, update query, package probe");
+  ResetChannels();
   std::unique_ptr<Child> child = Child::StartStage(options_.bundlerun, "--first_stage", {});
   if (!child) {
-    display_.Event("cannot start " + options_.bundlerun + ": " + strerror(errno));
+    CannotStart();
     *failed = true;
     return false;
   }
   std::string last;
   auto show = [&](const std::vector<StatusRecord>& records) {
     for (const StatusRecord& r : records) {
-      display_.Event(DescribeStageOne(r));
+      record_.Add(EventKind::kTask, DescribeStageOne(r), TaskFields(r, TaskName(r.index)));
       last = r.text();
     }
   };
@@ -195,24 +266,24 @@ bool UpdateSession::StageOne(bool* failed) {
   show(Finish(*child));
   if (last == "2:s:0") return true;
   *failed = last != "2:s:2";
-  if (*failed) display_.Event("stage one ended without offering a ROM; see the log");
+  if (*failed) record_.Add(EventKind::kNote, "stage one ended without offering a ROM; see the log");
   return false;
 }
 
 bool UpdateSession::ShowRom(RomDescription* rom, PackageAddress* address) {
-  display_.Section("rom", "Offered ROM");
+  record_.Begin("rom", "Offered ROM");
   std::string error;
   std::optional<RomDescription> read = ReadRomDescription(scratch_dir_, &error);
   if (!read) {
-    display_.Event(error);
+    record_.Add(EventKind::kNote, error);
     return false;
   }
   *rom = *read;
-  display_.Event("version " + rom->version + " (the device runs " + rom->current_version + ")");
-  display_.Event("size " +
-                 (rom->size ? HumanBytes(*rom->size) + " (" + std::to_string(*rom->size) + " bytes)"
-                            : std::string("unknown")));
-  display_.Event("md5 " + rom->md5);
+  std::string text =
+      "version " + rom->version + " (the device runs " + rom->current_version + ")\nsize " +
+      (rom->size ? HumanBytes(*rom->size) + " (" + std::to_string(*rom->size) + " bytes)"
+                 : std::string("unknown")) +
+      "\nmd5 " + rom->md5;
   std::optional<PackageAddress> chosen = ChoosePackageAddress(*rom, &error);
   for (size_t n = 0; n < rom->mirrors.size(); ++n) {
     std::string note;
@@ -221,10 +292,16 @@ bool UpdateSession::ShowRom(RomDescription* rom, PackageAddress* address) {
     } else if (!chosen || static_cast<int>(n) < chosen->mirror) {
       note = "  (skipped: https)";
     }
-    display_.Event("mirror " + std::to_string(n) + " " + rom->mirrors[n] + note);
+    text += "\nmirror " + std::to_string(n) + " " + rom->mirrors[n] + note;
   }
+  record_.Add(EventKind::kRom, text,
+              {{"version", rom->version},
+               {"current", rom->current_version},
+               {"size", rom->size ? FieldValue(static_cast<int64_t>(*rom->size)) : nullptr},
+               {"md5", rom->md5},
+               {"mirrors", rom->mirrors}});
   if (!chosen) {
-    display_.Event("no package address: " + error);
+    record_.Add(EventKind::kNote, "no package address: " + error);
     return false;
   }
   *address = *chosen;
@@ -232,123 +309,126 @@ bool UpdateSession::ShowRom(RomDescription* rom, PackageAddress* address) {
 }
 
 int UpdateSession::StageTwo(const RomDescription& rom, const PackageAddress& address) {
-  display_.Section("stage2", "Stage two: download");
-  display_.Event("downloading " + address.url() + " (mirror " + std::to_string(address.mirror) +
-                 ") to " + package_path_);
-  BeginLogSection("stage two");
+  record_.Begin("stage2", "Stage two: download");
+  record_.Add(
+      EventKind::kMirror,
+      "downloading " + address.url() + " (mirror " + std::to_string(address.mirror) + ") to " +
+          package_path_,
+      {{"mirror", int64_t{address.mirror}}, {"url", address.url()}, {"host", address.host}});
+  ResetChannels();
   std::unique_ptr<Child> child = Child::StartStage(options_.bundlerun, "--second_stage",
                                                    {address.scheme, address.host, address.path});
   if (!child) {
-    display_.Event("cannot start " + options_.bundlerun + ": " + strerror(errno));
+    CannotStart();
     return kUiStageFailed;
   }
 
   int key_fd = STDIN_FILENO;
   bool stop_sent = false;
-  DownloadView view;
-  view.total = rom.size.value_or(0);
-  // Until bundlerun's first speed line (a second into the transfer, or never for a fast mirror)
-  // the speed is the package file's growth since the stage began.
-  bool speed_reported = false;
-  const uint64_t held_bytes = FileSize(package_path_);
-  const auto began = std::chrono::steady_clock::now();
-  auto observe = [&] {
-    view.bytes = FileSize(package_path_);
-    const double seconds =
-        std::chrono::duration<double>(std::chrono::steady_clock::now() - began).count();
-    if (!speed_reported && seconds > 0 && view.bytes > held_bytes) {
-      view.speed = static_cast<uint64_t>((view.bytes - held_bytes) / seconds);
-    }
-  };
   std::string completed;
   bool stopped = false;
+  record_.StartDownload(rom.size.value_or(0), FileSize(package_path_));
+  downloading_ = true;
 
-  auto send = [&](char command) {
-    if (command == 's') {
-      stop_sent = true;
-      view.state = "stopping";
-    }
+  // |by| says where the command came from: a key, a line of input, --stop-at or an interrupt.
+  auto send = [&](char command, const char* by) {
+    if (command == 's') stop_sent = true;
+    record_.Add(EventKind::kCommand, "", {{"command", std::string(1, command)}, {"by", by}});
     child->SendCommand(std::string(1, command) + "\n");
   };
   auto apply = [&](const std::vector<StatusRecord>& records) {
     for (const StatusRecord& r : records) {
+      const Field status = {"status", r.text()};
       if (r.letter == 'p') {
-        view.percent = atoi(r.payload.c_str());
-      } else if (r.letter == 's') {
-        view.speed = strtoull(r.payload.c_str(), nullptr, 10);
-        speed_reported = true;
+        record_.SetPercent(atoi(r.payload.c_str()));
       } else if (r.letter == 'r') {
-        if (r.payload == "p") view.state = "paused";
-        if (r.payload == "c") view.state = "downloading";
+        if (r.payload == "p") record_.Add(EventKind::kPaused, "", {status});
+        if (r.payload == "c") record_.Add(EventKind::kContinued, "", {status});
         if (r.payload == "s") {
           stopped = true;
-          view.state = "stopped";
+          record_.Add(EventKind::kStopped, "", {status});
         }
       } else if (r.letter == 'f') {
-        ++view.retries;
-        display_.Event("transfer failed (" + Meaning(r.payload) + "), retry " +
-                       std::to_string(view.retries));
+        const int retry = record_.download().retries + 1;
+        record_.Add(EventKind::kRetry,
+                    "transfer failed (" + Meaning(r.payload) + "), retry " + std::to_string(retry),
+                    {{"retry", int64_t{retry}},
+                     status,
+                     {"code", r.payload},
+                     {"meaning", Meaning(r.payload)}});
       } else if (r.letter == 'c' && completed.empty()) {
+        // A redirected transfer reports its completion once more afterwards: the first counts.
         completed = r.payload.empty() ? "-" : r.payload;
-        view.percent = 100;
-        view.state = "complete";
+        record_.Add(EventKind::kTask, "",
+                    {{"task", int64_t{r.index}},
+                     {"name", "download"},
+                     status,
+                     {"ok", true},
+                     {"md5", r.payload}});
       }
+      // Speed lines ("3:s:") are not used: the front end measures the file's growth itself.
     }
   };
 
+  const char* by = options_.terminal ? "key" : "input";
   while (child->running()) {
     if (child->Pump(100ms, key_fd)) {
       char key = 0;
       if (read(key_fd, &key, 1) <= 0) {
         key_fd = -1;  // No more keys (end of input).
       } else if (key == 'p' || key == 'c' || key == 's') {
-        send(key);
+        send(key, by);
       }
     }
-    if (g_interrupted && !stop_sent) send('s');
+    if (g_interrupted && !stop_sent) send('s', "interrupt");
     apply(Drain(*child));
-    if (options_.stop_at >= 0 && view.percent >= options_.stop_at && !stop_sent) send('s');
-    observe();
-    display_.Progress(view);
+    if (options_.stop_at >= 0 && record_.download().percent >= options_.stop_at && !stop_sent) {
+      send('s', "stop-at");
+    }
+    record_.ObserveDownload(FileSize(package_path_));
   }
   apply(Finish(*child));
-  observe();
-  display_.Progress(view);
-  display_.EndProgress();
+  record_.ObserveDownload(FileSize(package_path_));
+  downloading_ = false;
 
   if (stopped) {
-    display_.Event("download stopped at " + std::to_string(view.percent) + "% (" +
-                   HumanBytes(view.bytes) + " kept for the next attempt)");
+    record_.EndDownload("stopped");
+    record_.Add(EventKind::kNote,
+                "download stopped at " + std::to_string(record_.download().percent) + "% (" +
+                    HumanBytes(record_.download().bytes) + " kept for the next attempt)");
     return kUiStopped;
   }
   if (completed.empty()) {
-    display_.Event("download did not complete; see the log");
+    record_.EndDownload("failed");
+    record_.Add(EventKind::kNote, "download did not complete; see the log");
     return kUiStageFailed;
   }
-  display_.Section("verify", "Integrity");
+  record_.EndDownload("complete");
+  record_.Begin("verify", "Integrity");
   const std::string expected = android::base::Trim(rom.md5);
-  if (completed != expected) {
-    display_.Event("package does NOT match the ROM: MD5 " + completed + ", the ROM says " +
-                   expected);
-    return kUiPackageMismatch;
-  }
-  display_.Event("package intact: MD5 " + completed + " matches the ROM's");
-  return kUiDone;
+  const bool intact = completed == expected;
+  record_.Add(
+      EventKind::kVerdict,
+      intact ? "package intact: MD5 " + completed + " matches the ROM's"
+             : "package does NOT match the ROM: MD5 " + completed + ", the ROM says " + expected,
+      {{"ok", intact}, {"md5", completed}, {"expected", expected}});
+  return intact ? kUiDone : kUiPackageMismatch;
 }
 
 int UpdateSession::Install() {
-  display_.Section("install", "Install");
+  record_.Begin("install", "Install");
   std::string error;
   if (!ExtractUpdateBinary(package_path_, kUpdateBinaryPath, &error)) {
-    display_.Event(error);
+    record_.Add(EventKind::kInstall, error, {{"ok", false}});
     return kUiInstallFailed;
   }
-  display_.Event(std::string("installer extracted to ") + kUpdateBinaryPath);
-  BeginLogSection("install");
+  record_.Add(EventKind::kNote, std::string("installer extracted to ") + kUpdateBinaryPath);
+  ResetChannels();
   installing_ = true;
   std::unique_ptr<Child> child = Child::StartCommand(options_.bundlerun, "6");
   if (!child) {
-    display_.Event("cannot start " + options_.bundlerun + ": " + strerror(errno));
+    CannotStart();
+    record_.Add(EventKind::kInstall, "the installer did not run", {{"ok", false}});
     return kUiInstallFailed;
   }
   while (child->running()) {
@@ -357,7 +437,12 @@ int UpdateSession::Install() {
   }
   Finish(*child);
   installing_ = false;
-  if (cannot_run_ || !installer_done_) return kUiInstallFailed;
-  display_.Event("installer finished");
+  if (cannot_run_ || !installer_done_) {
+    record_.Add(EventKind::kInstall,
+                cannot_run_ ? "the installer could not run" : "the installer did not finish",
+                {{"ok", false}});
+    return kUiInstallFailed;
+  }
+  record_.Add(EventKind::kInstall, "installer finished", {{"ok", true}});
   return kUiDone;
 }

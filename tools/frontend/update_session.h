@@ -4,18 +4,18 @@
  */
 
 // One whole update driven the way the boot environment's front end drives bundlerun: stage one,
-// the offered ROM, stage two with its commands, the integrity check and the installer.
+// the offered ROM, stage two with its commands, the integrity check and the installer. Everything
+// it learns goes into the session's record.
 
 #pragma once
 
-#include <stdio.h>
-
 #include <memory>
 #include <string>
+#include <vector>
 
 #include "bundlerun_child.h"
 #include "desk_command_line.h"
-#include "display.h"
+#include "record.h"
 #include "rom_description.h"
 
 // Exit statuses of bundlerun-ui.
@@ -25,58 +25,66 @@ enum UiExit {
   kUiPackageMismatch = 2,  // the package's digest is not the ROM's
   kUiInstallFailed = 3,    // the installer could not run
   kUiStopped = 4,          // the download was stopped on request
-  kUiUsage = kExitUsage,  // the command line cannot be used
+  kUiUsage = kExitUsage,   // the command line cannot be used
 };
 
 struct UiOptions {
   std::string bundlerun;
   std::string log_path;
+  std::string report_path;
+  std::vector<std::string> arguments;  // this program's command line, for the record
   bool terminal = false;
   bool color = false;
   bool verbose = false;
+  bool json = false;
   bool install = true;
   int stop_at = -1;  // send "stop" once the download reaches this percent
 };
 
 class UpdateSession {
  public:
-  UpdateSession(const UiOptions& options, Display& display, FILE* log);
+  UpdateSession(const UiOptions& options, SessionRecord& record);
 
-  // Runs the whole update; returns a UiExit.
+  // Runs the whole update and records its result; returns a UiExit.
   int Run();
 
  private:
   // Runs stage one; returns true when a ROM is offered (|failed| tells a failure from no ROM).
   bool StageOne(bool* failed);
-  // Shows the offered ROM and chooses its address; returns false when none can be used.
+  // Records the offered ROM and chooses its address; returns false when none can be used.
   bool ShowRom(RomDescription* rom, PackageAddress* address);
   // Downloads the package; returns a UiExit.
   int StageTwo(const RomDescription& rom, const PackageAddress& address);
   // Runs the package's installer; returns a UiExit.
   int Install();
+  // Records how the run ended.
+  void RecordResult(int status);
 
-  // Reads what |child| wrote since the last call: log lines to the log (and the display when
-  // verbose), status records to the caller. Returns the new status records.
+  // Reads what |child| wrote since the last call: output lines to the record, status records to
+  // the caller. Returns the new status records.
   std::vector<bundlerun_parent::StatusRecord> Drain(bundlerun_parent::Child& child);
   // Reads the last status records when |child| has ended, and says how it ended.
   std::vector<bundlerun_parent::StatusRecord> Finish(bundlerun_parent::Child& child);
-  // Handles one log line of bundlerun (standard output).
+  // Handles one line of bundlerun's standard output.
   void OnLogLine(const std::string& line);
-  // Starts a section of the log and forgets what the previous child wrote.
-  void BeginLogSection(const std::string& title);
+  // Forgets what the previous child wrote, before the next one starts.
+  void ResetChannels();
+  // Records that |child| could not be started.
+  void CannotStart();
 
   const UiOptions& options_;
-  Display& display_;
-  FILE* log_;
+  SessionRecord& record_;
   std::string scratch_dir_;
   std::string package_path_;
   bundlerun_parent::StatusParser parser_;
   size_t status_seen_ = 0;
   size_t out_seen_ = 0;
   size_t err_seen_ = 0;
-  std::string partial_line_;
+  std::string partial_out_;
+  std::string partial_err_;
   // Install state, filled from log lines.
   bool cannot_run_ = false;
   bool installer_done_ = false;
   bool installing_ = false;
+  bool downloading_ = false;
 };

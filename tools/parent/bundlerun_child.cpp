@@ -66,10 +66,17 @@ std::unique_ptr<Child> Child::StartRaw(const std::string& program,
   return Spawn(program, args, env, /*with_pipes=*/false, 0);
 }
 
+std::unique_ptr<Child> Child::StartWithInput(const std::string& program,
+                                             const std::vector<std::string>& args,
+                                             const Environment& env) {
+  return Spawn(program, args, env, /*with_pipes=*/false, 0, /*with_input=*/true);
+}
+
 std::unique_ptr<Child> Child::Spawn(const std::string& program, std::vector<std::string> args,
-                                    const Environment& env, bool with_pipes, size_t fd_arg_index) {
+                                    const Environment& env, bool with_pipes, size_t fd_arg_index,
+                                    bool with_input) {
   std::unique_ptr<Child> child(new Child());
-  unique_fd child_status, child_command, child_out, child_err;
+  unique_fd child_status, child_command, child_out, child_err, child_in;
   if (with_pipes) {
     // A command sent after bundlerun has gone must fail, not end this process.
     signal(SIGPIPE, SIG_IGN);
@@ -83,10 +90,19 @@ std::unique_ptr<Child> Child::Spawn(const std::string& program, std::vector<std:
     args[fd_arg_index + 1] = std::to_string(child_command.get());
   }
   if (!MakePipe(&child->out_, &child_out) || !MakePipe(&child->err_, &child_err)) return nullptr;
+  if (with_input) {
+    // A command sent after the program has gone must fail, not end this process.
+    signal(SIGPIPE, SIG_IGN);
+    if (!MakePipe(&child_in, &child->command_)) return nullptr;
+  }
 
   posix_spawn_file_actions_t actions;
   posix_spawn_file_actions_init(&actions);
-  posix_spawn_file_actions_addopen(&actions, STDIN_FILENO, "/dev/null", O_RDONLY, 0);
+  if (with_input) {
+    posix_spawn_file_actions_adddup2(&actions, child_in.get(), STDIN_FILENO);
+  } else {
+    posix_spawn_file_actions_addopen(&actions, STDIN_FILENO, "/dev/null", O_RDONLY, 0);
+  }
   posix_spawn_file_actions_adddup2(&actions, child_out.get(), STDOUT_FILENO);
   posix_spawn_file_actions_adddup2(&actions, child_err.get(), STDERR_FILENO);
 

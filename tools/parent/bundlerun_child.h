@@ -41,6 +41,11 @@ class Child {
   static std::unique_ptr<Child> StartRaw(const std::string& program,
                                          const std::vector<std::string>& args,
                                          const Environment& env = {});
+  // Starts |program| like StartRaw, with a pipe on its standard input that SendCommand writes
+  // to: a front end started this way takes its commands there.
+  static std::unique_ptr<Child> StartWithInput(const std::string& program,
+                                               const std::vector<std::string>& args,
+                                               const Environment& env = {});
 
   ~Child();
   Child(const Child&) = delete;
@@ -60,7 +65,8 @@ class Child {
   // Returns the wait status, or -1 when |timeout| passed (the process is then killed).
   int WaitForExit(std::chrono::milliseconds timeout);
 
-  // Sends one command line to bundlerun's command listener. Returns false when it is gone.
+  // Sends one command line to bundlerun's command listener, or to the standard input of a
+  // program started with StartWithInput. Returns false when it is gone.
   bool SendCommand(const std::string& line);
   // Closes the command pipe, as the front end does when it stops listening.
   void CloseCommands() { command_.reset(); }
@@ -81,7 +87,8 @@ class Child {
  private:
   Child() = default;
   static std::unique_ptr<Child> Spawn(const std::string& program, std::vector<std::string> args,
-                                      const Environment& env, bool with_pipes, size_t fd_arg_index);
+                                      const Environment& env, bool with_pipes, size_t fd_arg_index,
+                                      bool with_input = false);
   void ReadFrom(android::base::unique_fd& fd, std::string& into);
 
   pid_t pid_ = -1;

@@ -8,6 +8,7 @@
 
 #include <httplib.h>
 #include <signal.h>
+#include <stdarg.h>
 #include <stdio.h>
 #include <string.h>
 #include <time.h>
@@ -21,6 +22,7 @@
 #include <string>
 #include <thread>
 
+#include "desk_clock.h"
 #include "mirror.h"
 #include "options.h"
 #include "query_cipher.h"
@@ -29,6 +31,20 @@
 namespace {
 
 constexpr char kUpdatePath[] = "/updates/zeotaV3.php";
+
+// Started with the server: every message and request record is stamped from it.
+const DeskClock g_clock;
+
+// Writes one message line on standard error, stamped with the seconds since the server started
+// and the wall-clock time, so that it lines up with the request log and the device's log.
+__attribute__((format(printf, 1, 2))) void Message(const char* format, ...) {
+  char text[2048];
+  va_list args;
+  va_start(args, format);
+  vsnprintf(text, sizeof(text), format, args);
+  va_end(args);
+  fprintf(stderr, "%s%s\n", g_clock.MessagePrefix().c_str(), text);
+}
 
 // Returns the current time as an HTTP date, "Sun, 22 Nov 2026 10:00:00 GMT".
 std::string HttpDateNow() {
@@ -77,7 +93,7 @@ int main(int argc, char** argv) {
   if (!options.answer_path.empty()) {
     answer = ReadWholeFile(options.answer_path);
     if (!answer) {
-      fprintf(stderr, "bundlerun-update-server: cannot read %s: %s\n", options.answer_path.c_str(),
+      Message("bundlerun-update-server: cannot read %s: %s", options.answer_path.c_str(),
               strerror(errno));
       return 1;
     }
@@ -91,7 +107,7 @@ int main(int argc, char** argv) {
   pthread_sigmask(SIG_BLOCK, &stop_signals, nullptr);
   signal(SIGPIPE, SIG_IGN);
 
-  RequestLog log(options.log_path);
+  RequestLog log(options.log_path, g_clock);
   Mirror mirror(options);
   httplib::Server server;
 
@@ -141,7 +157,7 @@ int main(int argc, char** argv) {
   });
 
   server.set_logger([](const httplib::Request& request, const httplib::Response& response) {
-    fprintf(stderr, "update-server: %s %s%s -> %d\n", request.method.c_str(),
+    Message("update-server: %s %s%s -> %d", request.method.c_str(),
             request.get_header_value("Host").c_str(), request.path.c_str(), response.status);
   });
 
@@ -150,8 +166,8 @@ int main(int argc, char** argv) {
     server.stop();
   });
   if (!server.bind_to_port(options.address.c_str(), options.port)) {
-    fprintf(stderr, "bundlerun-update-server: cannot listen on %s:%d: %s\n",
-            options.address.c_str(), options.port, strerror(errno));
+    Message("bundlerun-update-server: cannot listen on %s:%d: %s", options.address.c_str(),
+            options.port, strerror(errno));
     return 1;
   }
   // Connections are queued from here on: whoever waits for the server may go on.

@@ -17,7 +17,11 @@ request whatever its Host header (the hosts file of the sandbox points the updat
 mirror names here).
 )";
 
-constexpr char kEpilogue[] = R"(Signals:
+constexpr char kEpilogue[] =
+    R"(Messages on standard error start with the seconds since the server started, as
+"[%12.6f] ", and the wall-clock time in UTC.
+
+Signals:
   SIGUSR1 lifts the throttle of --rate, also for bodies under way; SIGINT and SIGTERM stop the
   server.
 
@@ -113,9 +117,10 @@ int ParseOptions(int argc, char** argv, ServerOptions* options) {
              return true;
            }},
           {"log", "FILE",
-           "append one JSON line per request received: method, path, host, the\n"
-           "local address it arrived at, headers, body, and for the update\n"
-           "query the form and the clear query",
+           "append one JSON line per request received: the seconds since the\n"
+           "server started (t) and the wall-clock time (wall), method, path,\n"
+           "host, the local address it arrived at, headers, body, and for the\n"
+           "update query the form and the clear query",
            Keep(&options->log_path)},
           {"ready-fd", "FD",
            "write \"ready\" and a line feed to descriptor FD and close it once\n"

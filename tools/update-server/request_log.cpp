@@ -6,8 +6,11 @@
 #include "request_log.h"
 
 #include <cjson/cJSON.h>
+#include <errno.h>
+#include <math.h>
 #include <stdio.h>
 #include <stdlib.h>
+#include <string.h>
 
 #include <memory>
 
@@ -32,6 +35,9 @@ struct JsonDeleter {
 void RequestLog::Append(const httplib::Request& request, const std::optional<std::string>* query) {
   if (path_.empty()) return;
   std::unique_ptr<cJSON, JsonDeleter> entry(cJSON_CreateObject());
+  // Whole microseconds, as the stamps of the server's messages show them.
+  cJSON_AddNumberToObject(entry.get(), "t", round(clock_.Seconds() * 1e6) / 1e6);
+  cJSON_AddStringToObject(entry.get(), "wall", DeskClock::WallTime().c_str());
   cJSON_AddStringToObject(entry.get(), "method", request.method.c_str());
   cJSON_AddStringToObject(entry.get(), "path", request.path.c_str());
   cJSON_AddStringToObject(entry.get(), "host", request.get_header_value("Host").c_str());
@@ -61,7 +67,7 @@ void RequestLog::Append(const httplib::Request& request, const std::optional<std
   std::lock_guard<std::mutex> guard(lock_);
   std::unique_ptr<FILE, decltype(&fclose)> file(fopen(path_.c_str(), "a"), fclose);
   if (!file) {
-    perror(path_.c_str());
+    fprintf(stderr, "%s%s: %s\n", clock_.MessagePrefix().c_str(), path_.c_str(), strerror(errno));
     return;
   }
   fprintf(file.get(), "%s\n", line.get());

@@ -4,7 +4,8 @@
  */
 
 // The record of every request the server received, one JSON object per line, for tests and for
-// a developer who wants to see exactly what the device sent.
+// a developer who wants to see exactly what the device sent, and when: each entry carries the
+// seconds since the server started ("t") and the wall-clock time ("wall").
 
 #pragma once
 
@@ -14,10 +15,12 @@
 #include <optional>
 #include <string>
 
+#include "desk_clock.h"
+
 class RequestLog {
  public:
-  // An empty |path| keeps no record.
-  explicit RequestLog(std::string path) : path_(std::move(path)) {}
+  // An empty |path| keeps no record; |clock| started with the server.
+  RequestLog(std::string path, const DeskClock& clock) : path_(std::move(path)), clock_(clock) {}
 
   // Appends |request|; for the update query, |query| is its deciphered text (or nothing when it
   // did not decipher) and the form fields are recorded too.
@@ -25,5 +28,6 @@ class RequestLog {
 
  private:
   std::string path_;
+  const DeskClock& clock_;
   std::mutex lock_;
 };

@@ -1,0 +1,86 @@
+/*
+ * Copyright (C) 2026 The bundlerun Authors
+ * SPDX-License-Identifier: Apache-2.0
+ */
+
+// The arithmetic of the front end's record: the smoothed download speed and the report's axes.
+
+#include <gtest/gtest.h>
+#include <math.h>
+
+#include "record.h"
+#include "svg_report.h"
+
+namespace {
+
+constexpr double kMB = 1e6;
+
+// Feeds |meter| a file that grows at |rate| bytes per second from |*t| for |seconds|, observed
+// every quarter of a second; |*bytes| is the file's size.
+void Grow(SpeedMeter& meter, double* t, double* bytes, double rate, double seconds) {
+  for (double end = *t + seconds; *t < end;) {
+    *t += 0.25;
+    *bytes += rate * 0.25;
+    meter.Observe(*t, static_cast<uint64_t>(*bytes));
+  }
+}
+
+TEST(RecordTest, SpeedIsAnAverageOverSecondsThatStartsAgainAfterAPauseOrARetry) {
+  SpeedMeter meter;
+  double t = 10;
+  double bytes = 500 * kMB;  // what an earlier attempt left in the file
+  EXPECT_FALSE(meter.speed());
+  meter.Observe(t, static_cast<uint64_t>(bytes));
+  EXPECT_FALSE(meter.speed()) << "nothing grew yet";
+  // Before the first window closes, the growth since the first observation.
+  Grow(meter, &t, &bytes, 2 * kMB, 0.25);
+  EXPECT_NEAR(2 * kMB, *meter.speed(), 1);
+
+  // A steady rate is the average; a step is followed with the time constant: after it, the
+  // average has covered 1 - 1/e of the way.
+  Grow(meter, &t, &bytes, 2 * kMB, 4.75);
+  EXPECT_NEAR(2 * kMB, *meter.speed(), 1);
+  Grow(meter, &t, &bytes, 5 * kMB, SpeedMeter::kTimeConstant);
+  EXPECT_NEAR(5 * kMB - 3 * kMB / M_E, *meter.speed(), 1);
+
+  // After a reset the first window gives the speed alone: neither the old average nor what the
+  // file already held count.
+  meter.Reset();
+  EXPECT_FALSE(meter.speed());
+  meter.Observe(t, static_cast<uint64_t>(bytes));
+  Grow(meter, &t, &bytes, 1 * kMB, 0.5);
+  EXPECT_NEAR(1 * kMB, *meter.speed(), 1);
+  // A file that shrank (removed, begun again) is a new baseline, not a negative speed.
+  t += 0.5;
+  bytes = 0;
+  meter.Observe(t, 0);
+  Grow(meter, &t, &bytes, 1 * kMB, 1);
+  EXPECT_NEAR(1 * kMB, *meter.speed(), 1);
+}
+
+TEST(RecordTest, AxesHaveNiceStepsThatHoldTheirMaximum) {
+  struct Case {
+    double max;
+    int max_intervals;
+    double step;
+    double top;
+    int intervals;
+  } cases[] = {
+      {12.3, 10, 2, 14, 7},  {10, 5, 2, 10, 5},     {0.37, 5, 0.1, 0.4, 4},
+      {95, 10, 10, 100, 10}, {1234, 5, 500, 1500, 3}, {7, 1, 10, 10, 1},
+      {0, 5, 1, 1, 1},       {-3, 5, 1, 1, 1},
+  };
+  for (const Case& c : cases) {
+    SCOPED_TRACE(c.max);
+    const AxisScale axis = NiceAxis(c.max, c.max_intervals);
+    EXPECT_DOUBLE_EQ(c.step, axis.step);
+    EXPECT_DOUBLE_EQ(c.top, axis.top);
+    EXPECT_EQ(c.intervals, axis.intervals);
+  }
+  EXPECT_EQ("0.3", TickLabel(3 * 0.1, 0.1));
+  EXPECT_EQ("0.05", TickLabel(0.05, 0.05));
+  EXPECT_EQ("12", TickLabel(12, 2));
+  EXPECT_EQ("1500", TickLabel(1500, 500));
+}
+
+}  // namespace
