@@ -337,6 +337,58 @@ bool WaitForScreen(const std::string& text, std::chrono::seconds timeout) {
   return false;
 }
 
+// A phone's link that breaks twice. The update server serves the rest of what the device holds,
+// so the package comes whole on the first download; a standard mirror serves the whole file on
+// every request, so the package comes too long, and the front end downloads it again.
+TEST_F(FrontendTest, WholeUpdateOverAShapedLinkThatBreaksTwice) {
+  struct Case {
+    const char* mirror;
+    std::vector<std::string> lines;  // in this order
+    int downloads;
+  } cases[] = {
+      {"update server",
+       {"stage2: transfer failed (libcurl 56, ", ", retry 2\n",
+        "verify: package intact: MD5 ", "install: installer finished\n"},
+       1},
+      {"nginx",
+       {", retry 2\n", "verify: package does NOT match the ROM: MD5 ",
+        "verify: removed the package; downloading it again (1 of 1)\n",
+        "stage2: downloading http://mirror.yonda.example/base/V2.0/rom.zip",
+        "verify: package intact: MD5 ", "install: installer finished\n"},
+       2},
+  };
+  for (const Case& c : cases) {
+    SCOPED_TRACE(c.mirror);
+    system("rm -rf /tmp/secure_update.zip /tmp/download /cache/yonda");
+    harness::ShapeLink("20mbit", 2);
+    std::unique_ptr<harness::NginxMirror> nginx;
+    if (std::string(c.mirror) == "nginx") {
+      harness::BindHosts("127.0.0.1 localhost " TEST_UPDATE_HOST "\n"
+                         "127.0.0.2 mirror.yonda.example secure.yonda.example\n");
+      nginx = std::make_unique<harness::NginxMirror>();
+      ASSERT_TRUE(nginx->ok());
+      ServeRom(9);
+    } else {
+      ServeRom(9, {"--remainder-of", "/tmp/secure_update.zip"});
+    }
+    std::string out;
+    EXPECT_EQ(0, RunPlain({}, &out)) << out;
+    size_t at = 0;
+    for (const std::string& line : c.lines) {
+      at = out.find(line, at);
+      ASSERT_NE(std::string::npos, at) << line << " in\n" << out;
+    }
+    EXPECT_EQ(std::string::npos, out.find(", retry 3\n")) << out;
+    EXPECT_EQ(harness::Md5Sum(kRomZip), harness::Md5Sum("/tmp/secure_update.zip"));
+    size_t downloads = 0;
+    for (size_t p = out.find("stage2: downloading"); p != std::string::npos;
+         p = out.find("stage2: downloading", p + 1)) {
+      ++downloads;
+    }
+    EXPECT_EQ(static_cast<size_t>(c.downloads), downloads) << out;
+  }
+}
+
 TEST_F(FrontendTest, TerminalModeFitsTheBarToEightyColumnsAndObeysKeys) {
   ServeRom(8, {"--rate", "1048576"});
   const std::string command = std::string("tmux new-session -d -s ui -x 80 -y 45 '") +

@@ -51,7 +51,7 @@ Environment:
 Exit status:
   0   the update is installed, or no ROM is offered
   1   a stage failed
-  2   the package does not match the ROM's md5
+  2   the package does not match the ROM's md5, also after --redownload
   3   the installer could not run
   4   the download was stopped
   64  bad usage
@@ -121,6 +121,13 @@ int main(int argc, char** argv) {
            [&](const std::string& value, std::string* expected) {
              *expected = "a whole percent from 0 to 100";
              return android::base::ParseInt(value, &options.stop_at, 0, 100);
+           }},
+          {"redownload", "N",
+           "when the package does not match the ROM's md5, remove it and\n"
+           "download it again, at most N times (default 1; 0: never)",
+           [&](const std::string& value, std::string* expected) {
+             *expected = "a whole number from 0 to 100";
+             return android::base::ParseInt(value, &options.redownload, 0, 100);
            }},
           {"no-install", nullptr, "end after the integrity check", set(&options.install, false)},
           {"json", nullptr,

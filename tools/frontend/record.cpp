@@ -16,9 +16,9 @@ using android::base::StringPrintf;
 
 // The JSON stream's name of each kind, in the order of EventKind.
 constexpr const char* kEventNames[] = {
-    "start",    "begin",   "task",      "rom",     "mirror", "progress",
-    "command",  "paused",  "continued", "stopped", "retry",  "redirect",
-    "download", "verdict", "installer", "install", "note",   "result",
+    "start",      "begin",     "task",    "rom",   "mirror",   "progress", "command",
+    "paused",     "continued", "stopped", "retry", "redirect", "download", "verdict",
+    "redownload", "installer", "install", "note",  "result",
 };
 static_assert(std::size(kEventNames) == static_cast<size_t>(EventKind::kResult) + 1,
               "every event kind has a name");

@@ -21,24 +21,25 @@
 // What happened. Adding a kind: a row here, its name in record.cpp, a mark in svg_report.cpp
 // when it belongs on the report's time axis, and a row in the README's event list.
 enum class EventKind {
-  kStart,      // the run began: version, the bundlerun it runs, its arguments
-  kBegin,      // a part of the update began: stage one, the ROM, stage two, ...
-  kTask,       // a task of bundlerun reported its outcome on the status channel
-  kRom,        // the offered ROM, as the first stage laid it out
-  kMirror,     // the mirror and package address chosen
-  kProgress,   // the download as it stands (at most kProgressInterval apart)
-  kCommand,    // a command sent to bundlerun: p, c or s
-  kPaused,     // bundlerun acknowledged a pause
-  kContinued,  // bundlerun acknowledged a continue
-  kStopped,    // bundlerun stopped the download
-  kRetry,      // a transfer failed and bundlerun tries again
-  kRedirect,   // a transfer was redirected
-  kDownload,   // the download ended: its totals
-  kVerdict,    // the package's digest against the ROM's md5
-  kInstaller,  // a line the installer printed
-  kInstall,    // the installer's outcome
-  kNote,       // anything else the front end says
-  kResult,     // the run ended: exit status and totals
+  kStart,       // the run began: version, the bundlerun it runs, its arguments
+  kBegin,       // a part of the update began: stage one, the ROM, stage two, ...
+  kTask,        // a task of bundlerun reported its outcome on the status channel
+  kRom,         // the offered ROM, as the first stage laid it out
+  kMirror,      // the mirror and package address chosen
+  kProgress,    // the download as it stands (at most kProgressInterval apart)
+  kCommand,     // a command sent to bundlerun: p, c or s
+  kPaused,      // bundlerun acknowledged a pause
+  kContinued,   // bundlerun acknowledged a continue
+  kStopped,     // bundlerun stopped the download
+  kRetry,       // a transfer failed and bundlerun tries again
+  kRedirect,    // a transfer was redirected
+  kDownload,    // the download ended: its totals
+  kVerdict,     // the package's digest against the ROM's md5
+  kRedownload,  // the package did not match: it is removed and downloaded again
+  kInstaller,   // a line the installer printed
+  kInstall,     // the installer's outcome
+  kNote,        // anything else the front end says
+  kResult,      // the run ended: exit status and totals
 };
 
 // Returns the name of |kind| in the JSON stream ("retry").

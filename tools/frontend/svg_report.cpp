@@ -40,7 +40,7 @@ struct Mark {
 constexpr Mark kMarks[] = {
     {EventKind::kRetry, "retry", "#c0392b"},  {EventKind::kRedirect, "redirect", "#8e44ad"},
     {EventKind::kPaused, "pause", "#d35400"}, {EventKind::kContinued, "continue", "#1e8449"},
-    {EventKind::kStopped, "stop", "#17202a"},
+    {EventKind::kStopped, "stop", "#17202a"}, {EventKind::kRedownload, "download again", "#b7950b"},
 };
 
 // Band colours of a part of the update: fill and outline.

@@ -154,7 +154,7 @@ int UpdateSession::Run() {
     } else if (!ShowRom(&rom, &address)) {
       result = kUiStageFailed;
     } else {
-      result = StageTwo(rom, address);
+      result = Download(rom, address);
       if (result == kUiDone && options_.install) result = Install();
     }
   }
@@ -170,9 +170,30 @@ void UpdateSession::RecordResult(int status) {
                {"outcome", Outcome(status)},
                {"elapsed", record_.Now()},
                {"bytes", static_cast<int64_t>(d.bytes >= d.held ? d.bytes - d.held : 0)},
-               {"retries", int64_t{d.retries}},
-               {"redirects", int64_t{d.redirects}},
-               {"pauses", int64_t{d.pauses}}});
+               {"retries", int64_t{earlier_retries_ + d.retries}},
+               {"redirects", int64_t{earlier_redirects_ + d.redirects}},
+               {"pauses", int64_t{earlier_pauses_ + d.pauses}},
+               {"redownloads", int64_t{redownloads_}}});
+}
+
+int UpdateSession::Download(const RomDescription& rom, const PackageAddress& address) {
+  int result = StageTwo(rom, address);
+  // A mirror that answers a resumed request with the whole file leaves, after any broken
+  // connection, a package longer than the ROM; only a download from nothing can mend it.
+  while (result == kUiPackageMismatch && redownloads_ < options_.redownload) {
+    ++redownloads_;
+    const DownloadState& d = record_.download();
+    earlier_retries_ += d.retries;
+    earlier_redirects_ += d.redirects;
+    earlier_pauses_ += d.pauses;
+    unlink(package_path_.c_str());
+    record_.Add(EventKind::kRedownload,
+                "removed the package; downloading it again (" + std::to_string(redownloads_) +
+                    " of " + std::to_string(options_.redownload) + ")",
+                {{"redownload", int64_t{redownloads_}}, {"most", int64_t{options_.redownload}}});
+    result = StageTwo(rom, address);
+  }
+  return result;
 }
 
 void UpdateSession::ResetChannels() {

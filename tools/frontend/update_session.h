@@ -38,7 +38,8 @@ struct UiOptions {
   bool verbose = false;
   bool json = false;
   bool install = true;
-  int stop_at = -1;  // send "stop" once the download reaches this percent
+  int stop_at = -1;    // send "stop" once the download reaches this percent
+  int redownload = 1;  // downloads again after a package that does not match, at most
 };
 
 class UpdateSession {
@@ -53,7 +54,10 @@ class UpdateSession {
   bool StageOne(bool* failed);
   // Records the offered ROM and chooses its address; returns false when none can be used.
   bool ShowRom(RomDescription* rom, PackageAddress* address);
-  // Downloads the package; returns a UiExit.
+  // Downloads the package, and again from nothing while it does not match the ROM, as often as
+  // --redownload allows; returns a UiExit.
+  int Download(const RomDescription& rom, const PackageAddress& address);
+  // Downloads the package once; returns a UiExit.
   int StageTwo(const RomDescription& rom, const PackageAddress& address);
   // Runs the package's installer; returns a UiExit.
   int Install();
@@ -87,4 +91,9 @@ class UpdateSession {
   bool installer_done_ = false;
   bool installing_ = false;
   bool downloading_ = false;
+  // The counts of the downloads before the last, for the run's totals.
+  int earlier_retries_ = 0;
+  int earlier_redirects_ = 0;
+  int earlier_pauses_ = 0;
+  int redownloads_ = 0;
 };
