@@ -167,7 +167,8 @@ void DrawTitle(Picture& picture, const SessionRecord& record) {
       started = "started " + Text(event, "wall") + " by bundlerun-ui " + Text(event, "version");
     } else if (event.kind == EventKind::kRom) {
       rom = "ROM " + Text(event, "version") + " for a device on " + Text(event, "current");
-    } else if (event.kind == EventKind::kMirror) {
+    } else if (event.kind == EventKind::kMirror && rom.find(", from ") == std::string::npos) {
+      // A download again comes from the same address.
       rom += ", from " + Text(event, "url");
     }
   }
