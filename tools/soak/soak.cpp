@@ -286,7 +286,7 @@ std::string RunSession(const Plan& plan, const std::string& bundlerun, const std
   bool stop_asked = false;
   bool closed = false;
   std::optional<Clock::time_point> ending;  // a completion line or a stop: the end is due
-  std::optional<int64_t> held;              // the file's size while the download is held
+  int64_t held = -1;                        // the file's size while the download is held
   std::vector<std::string> completions;
   bool stopped = false;
   std::string failure;
@@ -317,10 +317,10 @@ std::string RunSession(const Plan& plan, const std::string& bundlerun, const std
 
     // Paused: every command sent was answered and the last was a pause.
     const bool holding = !sent.empty() && acks == sent.size() && sent.back() == 'p';
-    if (holding && !held) held = FileSize(kPackage);
-    if (!holding) held.reset();
-    if (held && FileSize(kPackage) != *held) {
-      failure = "the package grew from " + std::to_string(*held) + " while paused";
+    if (!holding) held = -1;
+    if (holding && held < 0) held = FileSize(kPackage);
+    if (held >= 0 && FileSize(kPackage) != held) {
+      failure = "the package grew from " + std::to_string(held) + " while paused";
       break;
     }
 
