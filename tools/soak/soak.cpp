@@ -5,10 +5,10 @@
 
 // bundlerun-soak: second stages against a hostile world, one session after another, each built
 // from one seed. The mirror throttles, cuts transfers at random offsets (serving the rest on the
-// next request), redirects through one or two hops, goes away for a moment and comes back; the
-// front end sends pause, continue, junk and very long lines at random moments, sometimes stops,
-// sometimes closes its command stream early, sometimes holds it open after the end. After each
-// session it checks what must always hold. Run it inside the sandbox (scripts/soak does):
+// next request), ends one with a reset, redirects through one or two hops, goes away for a moment
+// and comes back; the front end sends pause, continue, junk and very long lines at random moments,
+// sometimes stops, sometimes closes its command stream early, sometimes holds it open after the
+// end. After each session it checks what must always hold. Run it inside the sandbox (scripts/soak does):
 //
 //   bundlerun-soak BUNDLERUN UPDATE_SERVER SESSIONS FIRST_SEED
 //
@@ -75,6 +75,9 @@ struct Plan {
   std::vector<uint64_t> drops;
   std::optional<uint64_t> vanish;  // where the mirror goes away, for |downtime_ms|
   int downtime_ms = 0;
+  // Where a transfer ends with a TCP reset; the mirror then serves the rest of what the device's
+  // package holds, as it cannot know how much of what it sent arrived.
+  std::optional<uint64_t> reset;
   std::vector<Action> actions;
   bool hold_after_end = false;
 
@@ -88,6 +91,7 @@ std::string Plan::Describe() const {
                      std::to_string(hops) + " redirect(s), cut at";
   for (uint64_t d : drops) text += " " + std::to_string(d);
   if (drops.empty()) text += " nothing";
+  if (reset) text += ", reset at " + std::to_string(*reset);
   if (vanish) {
     text += ", away at " + std::to_string(*vanish) + " for " + std::to_string(downtime_ms) + " ms";
   }
@@ -122,6 +126,7 @@ Plan MakePlan(uint64_t seed) {
                      plan.drops.end());
     plan.downtime_ms = static_cast<int>(between(50, 1500));
   }
+  if (chance(25)) plan.reset = between(1, plan.size - 1);
   for (uint64_t n = between(0, 12); n > 0; --n) {
     Action action{Action::kPause, static_cast<int>(between(0, 300)), ""};
     const uint64_t roll = between(1, 100);
@@ -255,6 +260,10 @@ std::vector<std::string> ServerArguments(const Plan& plan) {
   }
   if (plan.rate) args.insert(args.end(), {"--rate", std::to_string(plan.rate)});
   for (uint64_t d : plan.drops) args.insert(args.end(), {"--drop-at", std::to_string(d)});
+  if (plan.reset) {
+    args.insert(args.end(),
+                {"--reset-at", std::to_string(*plan.reset), "--remainder-of", kPackage});
+  }
   return args;
 }
 
