@@ -40,6 +40,7 @@ void PackageDigest::Held(uint64_t size) {
     failed_ = false;
     memoryBytes_ = 0;
     size_ = 0;
+    ownFrom_ = 0;
   }
   std::lock_guard<std::mutex> guard(lock_);
   if (size > size_) {
@@ -72,12 +73,24 @@ void PackageDigest::Received(const char* data, size_t length) {
   more_.notify_one();
 }
 
-void PackageDigest::CatchUp(uint64_t most, uint64_t then) {
+bool PackageDigest::CatchUp(uint64_t most, uint64_t then, std::chrono::milliseconds patience) {
   std::unique_lock<std::mutex> lock(lock_);
-  if (OwnBehindLocked() <= most) return;
-  catchUpTo_ = then;
-  caughtUp_.wait(lock, [&] { return OwnBehindLocked() <= then; });
-  catchUpTo_.reset();
+  if (OwnBehindLocked() > most) {
+    catchUpTo_ = then;
+    caughtUp_.wait_for(lock, patience, [&] { return nudged_ || OwnBehindLocked() <= then; });
+    catchUpTo_.reset();
+  }
+  // A nudge ends one wait: the one under way, or the next when none was.
+  nudged_ = false;
+  return OwnBehindLocked() <= most;
+}
+
+void PackageDigest::Nudge() {
+  {
+    std::lock_guard<std::mutex> guard(lock_);
+    nudged_ = true;
+  }
+  caughtUp_.notify_one();
 }
 
 uint64_t PackageDigest::OwnBehindLocked() const {

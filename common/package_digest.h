@@ -16,6 +16,7 @@
 #include <openssl/md5.h>
 #include <stdint.h>
 
+#include <chrono>
 #include <condition_variable>
 #include <functional>
 #include <mutex>
@@ -43,9 +44,14 @@ class PackageDigest {
   // Hands over |length| bytes that this process received and has just appended to the file.
   void Received(const char* data, size_t length);
   // When more than |most| of the bytes this process received are not hashed yet, waits until at
-  // most |then| are (or hashing failed). Bytes the file held before them are never waited for:
-  // while the hashing thread works on those, this returns at once.
-  void CatchUp(uint64_t most, uint64_t then);
+  // most |then| are (or hashing failed), but no longer than |patience| and not past a Nudge().
+  // Returns false when the digest is still more than |most| behind: the caller holds its
+  // transfer instead of waiting longer. Bytes the file held before those this process received
+  // are never waited for: while the hashing thread works on those, this returns true at once.
+  bool CatchUp(uint64_t most, uint64_t then, std::chrono::milliseconds patience);
+  // Ends the wait in CatchUp under way, or the next one, so that its caller can answer the front
+  // end at once.
+  void Nudge();
   // Asks for one call of |wake| once at most |lag| bytes of the file are not hashed, or hashing
   // failed. Returns false, asking nothing, when that already holds.
   bool WakeWhenBehindBy(uint64_t lag);
@@ -76,6 +82,7 @@ class PackageDigest {
   std::condition_variable more_;
   std::condition_variable caughtUp_;
   std::optional<uint64_t> catchUpTo_;  // the owner waits in CatchUp until this
+  bool nudged_ = false;                // a Nudge() ends the owner's next or current wait
   bool stop_ = false;
   bool failed_ = false;
   // The file's size as this process knows it, the bytes hashed, and where the bytes this process

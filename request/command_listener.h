@@ -58,6 +58,9 @@ class CommandListener {
   // The stop flag: 0 while the download is to run on, kStopRequested once the front end asked
   // for a stop. It is never lowered again: a stop is honoured whatever the download is doing.
   const std::atomic<int32_t>& stopFlag() const { return stop_; }
+  // Returns true while a command waits to be taken or a stop to be honoured: the download's
+  // thread is to return to its loop.
+  bool CommandWaiting() const { return pending_ != 0 || stop_ != 0; }
   // Returns true once the command stream has ended and every command before its end was taken.
   bool StreamEnded() const { return ended_; }
   // Ends the listener thread, wherever it waits, and joins it.

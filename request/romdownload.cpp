@@ -37,9 +37,14 @@ constexpr long kReceiveBufferSize = 512 * 1024;
 // How far the digest may fall behind the bytes this process received before the transfer waits
 // for it, and how far it must catch up then: a mirror faster than the digest is slowed to its
 // pace, so that the completion line follows the last byte at once. A wait lasts as long as
-// hashing the difference takes, a few milliseconds.
-constexpr uint64_t kMaxDigestLag = 2 * 1024 * 1024;
-constexpr uint64_t kResumeDigestLag = 1024 * 1024;
+// hashing the difference takes, about a millisecond; a digest that needs longer (it is still
+// busy with a large file that an earlier process left) holds the transfer in libcurl instead,
+// while the front end's commands are answered.
+constexpr uint64_t kMaxDigestLag = 1536 * 1024;
+constexpr uint64_t kResumeDigestLag = 512 * 1024;
+constexpr std::chrono::milliseconds kDigestPatience{10};
+// Every piece that is received while the digest is within its lag waits for it in memory.
+static_assert(kMaxDigestLag + kReceiveBufferSize <= PackageDigest::kMemoryBytes);
 
 int64_t SteadyNanos() {
   return std::chrono::duration_cast<std::chrono::nanoseconds>(
@@ -94,7 +99,10 @@ RomDownload::RomDownload()
     : NetworkTask(LOG_TAG, __FILE__),
       multi_(curl_multi_init()),
       digest_(kSecureUpdatePackagePath, [this] { curl_multi_wakeup(multi_.get()); }),
-      listener_([this] { curl_multi_wakeup(multi_.get()); }) {}
+      listener_([this] {
+        curl_multi_wakeup(multi_.get());
+        digest_.Nudge();
+      }) {}
 
 RomDownload::~RomDownload() {
   listener_.Stop();
@@ -231,8 +239,16 @@ int RomDownload::xferinfo(void* record, curl_off_t, curl_off_t dlnow, curl_off_t
 
 size_t RomDownload::WritePackage(char* data, size_t size, size_t count, void* task) {
   auto* self = static_cast<RomDownload*>(task);
-  if (self->paused_) {
+  // The piece stays in libcurl while the download is paused, while a command waits to be applied
+  // or a stop to be honoured (so that libcurl returns to the download's loop at once), and while
+  // the digest is further behind than a moment's wait.
+  if (self->paused_ || self->listener_.CommandWaiting()) {
     self->recvPaused_ = true;
+    return CURL_WRITEFUNC_PAUSE;
+  }
+  if (!self->digest_.CatchUp(kMaxDigestLag, kResumeDigestLag, kDigestPatience)) {
+    self->recvPaused_ = true;
+    self->heldForDigest_ = true;
     return CURL_WRITEFUNC_PAUSE;
   }
   const size_t length = size * count;
@@ -244,7 +260,6 @@ size_t RomDownload::WritePackage(char* data, size_t size, size_t count, void* ta
     written += n;
   }
   self->digest_.Received(data, written);
-  self->digest_.CatchUp(kMaxDigestLag, kResumeDigestLag);
   return written;
 }
 
@@ -271,6 +286,7 @@ CURLcode RomDownload::Transfer() {
   }
   transferring_ = true;
   recvPaused_ = false;
+  heldForDigest_ = false;
   bool stopped = false;
   int running = 1;
   CURLMcode multi_code = CURLM_OK;
@@ -280,6 +296,11 @@ CURLcode RomDownload::Transfer() {
       stopped = true;
       break;
     }
+    // A transfer held for the digest runs again once the digest has nearly caught up; until
+    // then the digest wakes this loop.
+    if (heldForDigest_ && !paused_ && !digest_.WakeWhenBehindBy(kResumeDigestLag)) {
+      ResumeTransfer();
+    }
     multi_code = curl_multi_perform(multi_.get(), &running);
     if (multi_code != CURLM_OK || running == 0) break;
     multi_code = curl_multi_poll(multi_.get(), nullptr, 0, kPollTimeoutMs, nullptr);
@@ -287,6 +308,7 @@ CURLcode RomDownload::Transfer() {
   }
   transferring_ = false;
   recvPaused_ = false;
+  heldForDigest_ = false;
   if (stopped) return CURLE_ABORTED_BY_CALLBACK;
   if (multi_code != CURLM_OK) {
     LOG(ERROR) << "transfer failed: " << curl_multi_strerror(multi_code);
@@ -328,6 +350,7 @@ void RomDownload::ApplyCommands() {
 void RomDownload::ResumeTransfer() {
   // libcurl may hand the held piece over at once; the write callback can hold it again.
   recvPaused_ = false;
+  heldForDigest_ = false;
   curl_easy_pause(curl, CURLPAUSE_CONT);
 }
 

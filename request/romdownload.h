@@ -60,7 +60,8 @@ class RomDownload : public NetworkTask<RomDownload> {
                       curl_off_t ulnow);
   // libcurl's write callback: appends the body to the package file and hands it to the digest,
   // waiting a moment when the digest is too far behind the bytes this process received. Takes
-  // nothing while the download is paused: libcurl keeps the piece until the transfer runs again.
+  // nothing while the download is paused, while a command or a stop waits, or while the digest
+  // is further behind than a moment: libcurl keeps the piece until the transfer runs again.
   // Returns the bytes written; fewer than given fails the transfer with a write error.
   static size_t WritePackage(char* data, size_t size, size_t count, void* task);
 
@@ -118,6 +119,8 @@ class RomDownload : public NetworkTask<RomDownload> {
   // A transfer is in the multi handle, and libcurl holds it (paused) at the moment.
   bool transferring_ = false;
   bool recvPaused_ = false;
+  // libcurl holds the transfer until the digest has nearly caught up.
+  bool heldForDigest_ = false;
   bool resolved_ = false;
   // Where the finished transfer was redirected to, until the next attempt starts there.
   std::optional<URLWrapper> redirect_;
