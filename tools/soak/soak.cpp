@@ -8,7 +8,8 @@
 // next request), ends one with a reset, redirects through one or two hops, goes away for a moment
 // and comes back; the front end sends pause, continue, junk and very long lines at random moments,
 // sometimes stops, sometimes closes its command stream early, sometimes holds it open after the
-// end. After each session it checks what must always hold. Run it inside the sandbox (scripts/soak does):
+// end. After each session it checks what must always hold. Run it inside the sandbox (scripts/soak
+// does):
 //
 //   bundlerun-soak BUNDLERUN UPDATE_SERVER SESSIONS FIRST_SEED
 //
@@ -19,14 +20,12 @@
 #include <android-base/logging.h>
 #include <android-base/strings.h>
 #include <android-base/unique_fd.h>
-#include <arpa/inet.h>
 #include <fcntl.h>
-#include <netinet/in.h>
+#include <poll.h>
 #include <signal.h>
 #include <spawn.h>
 #include <stdio.h>
 #include <stdlib.h>
-#include <sys/socket.h>
 #include <sys/stat.h>
 #include <sys/wait.h>
 #include <unistd.h>
@@ -37,7 +36,6 @@
 #include <optional>
 #include <random>
 #include <string>
-#include <thread>
 #include <vector>
 
 #include "bundlerun_child.h"
@@ -161,9 +159,13 @@ class Mirror {
       : program_(std::move(program)), args_(std::move(args)) {}
   ~Mirror() { Kill(); }
 
-  // Starts the server, serving bodies from |offset| on; returns false when it does not listen.
+  // Starts the server, serving bodies from |offset| on; returns false when it does not listen
+  // within 10 seconds. The server says it listens on a pipe (--ready-fd).
   bool Start(uint64_t offset) {
-    std::vector<std::string> strings = {program_, "--offset", std::to_string(offset)};
+    android::base::unique_fd ready_read, ready_write;
+    if (!android::base::Pipe(&ready_read, &ready_write)) return false;
+    std::vector<std::string> strings = {program_, "--offset", std::to_string(offset),
+                                        "--ready-fd", std::to_string(kReadyFd)};
     strings.insert(strings.end(), args_.begin(), args_.end());
     std::vector<char*> argv;
     for (std::string& s : strings) argv.push_back(s.data());
@@ -171,15 +173,17 @@ class Mirror {
     posix_spawn_file_actions_t actions;
     posix_spawn_file_actions_init(&actions);
     posix_spawn_file_actions_addopen(&actions, STDERR_FILENO, "/dev/null", O_WRONLY, 0);
+    posix_spawn_file_actions_adddup2(&actions, ready_write.get(), kReadyFd);
     const int rc = posix_spawn(&pid_, program_.c_str(), &actions, nullptr, argv.data(), environ);
     posix_spawn_file_actions_destroy(&actions);
+    ready_write.reset();
     if (rc != 0) return false;
-    for (auto deadline = Clock::now() + 10s; Clock::now() < deadline;) {
-      if (Listening()) return true;
-      if (Gone()) return false;
-      std::this_thread::sleep_for(10ms);
-    }
-    return false;
+    // "ready" and a line feed, or the end of the pipe when the server could not listen.
+    pollfd fd = {ready_read.get(), POLLIN, 0};
+    if (TEMP_FAILURE_RETRY(poll(&fd, 1, 10000)) != 1) return false;
+    char answer[8] = {};
+    return TEMP_FAILURE_RETRY(read(ready_read.get(), answer, sizeof(answer) - 1)) > 0 &&
+           std::string(answer) == "ready\n";
   }
   // Returns true once the server has exited (it went away), reaping it.
   bool Gone() {
@@ -196,14 +200,8 @@ class Mirror {
   }
 
  private:
-  static bool Listening() {
-    android::base::unique_fd sock(socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0));
-    sockaddr_in addr{};
-    addr.sin_family = AF_INET;
-    addr.sin_port = htons(80);
-    addr.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-    return connect(sock.get(), reinterpret_cast<sockaddr*>(&addr), sizeof(addr)) == 0;
-  }
+  // The descriptor number the server writes "ready" to.
+  static constexpr int kReadyFd = 3;
 
   std::string program_;
   std::vector<std::string> args_;
