@@ -49,19 +49,20 @@ void StripFraming(std::string& text) {
 
 }  // namespace
 
-AddressInfo::AddressInfo() : NetworkTask(LOG_TAG, __FILE__) {}
+AddressInfo::AddressInfo() : NetworkTask(LOG_TAG) {}
 
 std::string AddressInfo::getDescriptor() {
   return "AddressInfo";
 }
 
-void AddressInfo::run() {
-  LogBanner();
-  StringMap params;
+std::optional<URLWrapper> AddressInfo::Address() {
+  params.clear();
   URLWrapper address;
   checkUpdateInfo(params, address);
-  LogAddress(address);
+  return address;
+}
 
+void AddressInfo::Prepare(const URLWrapper&) {
   const std::string form = BuildFormBody(params);
   create_file_and_writedata(kTmpRequestCipherPath, form);
 
@@ -82,8 +83,6 @@ void AddressInfo::run() {
   } else {
     postBody = form;
   }
-
-  Resolve(address);
 }
 
 int AddressInfo::PreExecuted() {

@@ -11,6 +11,7 @@
 
 #include <string>
 
+#include "common/string_map.h"
 #include "common/unique_file.h"
 #include "request/secure_event.h"
 
@@ -18,7 +19,6 @@ class AddressInfo : public NetworkTask<AddressInfo> {
  public:
   AddressInfo();
 
-  void run() override;
   std::string getDescriptor() override;
   int PreExecuted() override;
   int OnExecuted() override;
@@ -26,12 +26,18 @@ class AddressInfo : public NetworkTask<AddressInfo> {
   void PostExecutedFinal(const char* text);
 
  protected:
+  // Builds the enciphered query and the update host's address.
+  std::optional<URLWrapper> Address() override;
+  // Builds the form body to post, or takes the one recorded in the system.
+  void Prepare(const URLWrapper& address) override;
   // Deciphers the answer (or takes the recorded one) and lays it out.
   void ProcessResponse() override;
 
  private:
   // The raw answer as the transfer writes it.
   UniqueFile outputFile;
+  // The query's parameters, from the address until the form body is built.
+  StringMap params;
   // The form body posted; it must outlive the transfer.
   std::string postBody;
 };

@@ -96,7 +96,7 @@ URLWrapper SplitRedirect(const std::string& address) {
 }
 
 RomDownload::RomDownload()
-    : NetworkTask(LOG_TAG, __FILE__),
+    : NetworkTask(LOG_TAG),
       multi_(curl_multi_init()),
       digest_(kSecureUpdatePackagePath, [this] { curl_multi_wakeup(multi_.get()); }),
       listener_([this] {

@@ -15,7 +15,7 @@
 #include "yondatools/yonda-dgq/dgqprotocal.h"
 #include "yondatools/yonda-update/dir2url.h"
 
-RomInfo::RomInfo() : NetworkTask(LOG_TAG, __FILE__) {
+RomInfo::RomInfo() : NetworkTask(LOG_TAG) {
   InitCbmap();
 }
 
@@ -23,20 +23,20 @@ std::string RomInfo::getDescriptor() {
   return "RomInfo";
 }
 
-void RomInfo::run() {
-  LogBanner();
+std::optional<URLWrapper> RomInfo::Address() {
   std::vector<std::string> address = handle_rom_to_url(0);
   if (address.empty()) {
     // No ROM, or no mirror the device can reach: the stage still ends with the ROM state.
     LOG(INFO) << ">> RomInfo has no url info!! End the RomInfo";
     cbmap[OutcomeKey(CURLE_OK)](ROM_INFO);
-    return;
+    return std::nullopt;
   }
-  URLWrapper wrapper(address[0], address[1], "", address[2]);
-  LogAddress(wrapper);
+  return URLWrapper(address[0], address[1], "", address[2]);
+}
+
+void RomInfo::Prepare(const URLWrapper& address) {
   yondadgq::dgq_write_data({});
-  stage->downloadUrl = std::make_unique<URLWrapper>(wrapper);
-  Resolve(wrapper);
+  stage->downloadUrl = std::make_unique<URLWrapper>(address);
 }
 
 int RomInfo::PreExecuted() {

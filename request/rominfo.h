@@ -17,8 +17,14 @@ class RomInfo : public NetworkTask<RomInfo> {
  public:
   RomInfo();
 
-  void run() override;
   std::string getDescriptor() override;
   int PreExecuted() override;
   void InitCbmap() override;
+
+ protected:
+  // The package address that the laid-out ROM description gives; without one the stage ends
+  // here with the ROM state.
+  std::optional<URLWrapper> Address() override;
+  // Records the probe's diagnostics event and hands the address to the download stage.
+  void Prepare(const URLWrapper& address) override;
 };

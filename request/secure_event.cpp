@@ -28,18 +28,24 @@ constexpr char kFixedResolve[] = BUNDLERUN_INTL_UPDATE_HOST ":80:" BUNDLERUN_FAL
 
 }  // namespace
 
-SecureEvent::Log::Log(const SecureEvent& task, android::base::LogSeverity severity, int error)
-    : task_(task), severity_(severity), error_(error), savedErrno_(errno) {}
+SecureEvent::Log::Log(const SecureEvent& task, android::base::LogSeverity severity, int error,
+                      const char* file, unsigned line)
+    : task_(task),
+      severity_(severity),
+      error_(error),
+      file_(file),
+      line_(line),
+      savedErrno_(errno) {}
 
 SecureEvent::Log::~Log() {
   if (android::base::ShouldLog(severity_, task_.logTag_)) {
-    android::base::LogMessage(task_.logFile_, __LINE__, severity_, task_.logTag_, error_).stream()
+    android::base::LogMessage(file_, line_, severity_, task_.logTag_, error_).stream()
         << text_.str();
   }
   errno = savedErrno_;
 }
 
-SecureEvent::SecureEvent(const char* tag, const char* file) : logTag_(tag), logFile_(file) {
+SecureEvent::SecureEvent(const char* tag) : logTag_(tag) {
   SecureEvent::InitResource();
   // During construction this installs the base entries; a task that adds its own calls its
   // InitCbmap again from its constructor.
@@ -48,6 +54,15 @@ SecureEvent::SecureEvent(const char* tag, const char* file) : logTag_(tag), logF
 
 SecureEvent::~SecureEvent() {
   SecureEvent::releaseResource();
+}
+
+void SecureEvent::run() {
+  LogBanner();
+  std::optional<URLWrapper> address = Address();
+  if (!address) return;
+  LogAddress(*address);
+  Prepare(*address);
+  Resolve(*address);
 }
 
 int SecureEvent::Executed(StageRecord* task_stage) {
@@ -165,9 +180,9 @@ void SecureEvent::Resolved() {
   callback(index);
 }
 
-void SecureEvent::Resolve(const URLWrapper& address, ResolveCallback callback) {
+void SecureEvent::Resolve(const URLWrapper& address) {
   url = address;
-  resolveName(url, callback);
+  resolveName(url, ResolverCallback());
 }
 
 CURLcode SecureEvent::SetTransferUrl() {
@@ -176,8 +191,8 @@ CURLcode SecureEvent::SetTransferUrl() {
   return curl_easy_setopt(curl, CURLOPT_URL, target.c_str());
 }
 
-void SecureEvent::LogBanner() {
-  Log(*this, android::base::INFO) << ">> " << getDescriptor() << " is running...";
+void SecureEvent::LogBanner(const char* file, unsigned line) {
+  Log(*this, android::base::INFO, -1, file, line) << ">> " << getDescriptor() << " is running...";
 }
 
 void SecureEvent::LogAddress(const URLWrapper& address) {
@@ -186,12 +201,14 @@ void SecureEvent::LogAddress(const URLWrapper& address) {
 }
 
 CURLcode SecureEvent::OpenTransferFile(const std::string& path, const std::string& what,
-                                       const std::function<bool()>& open) {
+                                       const std::function<bool()>& open, const char* file,
+                                       unsigned line) {
   const bool opened = open();
   const int open_error = errno;
-  Log(*this, android::base::DEBUG) << ">> " << getDescriptor() << "::PreExecuted, " << what << path;
+  Log(*this, android::base::DEBUG, -1, file, line)
+      << ">> " << getDescriptor() << "::PreExecuted, " << what << path;
   if (opened) return CURLE_OK;
-  Log(*this, android::base::ERROR, open_error) << "failed to open " << path;
+  Log(*this, android::base::ERROR, open_error, file, line) << "failed to open " << path;
   return CURLE_WRITE_ERROR;
 }
 

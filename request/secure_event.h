@@ -18,6 +18,7 @@
 
 #include <functional>
 #include <list>
+#include <optional>
 #include <sstream>
 #include <string>
 #include <unordered_map>
@@ -41,8 +42,9 @@ class SecureEvent {
   SecureEvent(const SecureEvent&) = delete;
   SecureEvent& operator=(const SecureEvent&) = delete;
 
-  // Logs the banner, builds the task's address and starts name resolution.
-  virtual void run() = 0;
+  // Logs the banner, builds the task's address, logs it, prepares the request and starts name
+  // resolution; the resolver continues the task before this returns.
+  virtual void run();
   // Returns the task's name: the name its log lines give, written to the scratch status file
   // when it has finished.
   virtual std::string getDescriptor() = 0;
@@ -84,15 +86,17 @@ class SecureEvent {
   std::string hostHeader;
 
  protected:
-  // |tag| and |file| are the task's own: the log lines of its steps carry them.
-  SecureEvent(const char* tag, const char* file);
+  // |tag| is the task's own: the log lines of its steps carry it.
+  explicit SecureEvent(const char* tag);
 
-  // One log record of the task, with the task's tag and source file, written when the line ends
-  // (at the end of the full expression). errno is kept, as every log statement keeps it.
+  // One log record of the task, with the task's tag and the source line that asked for it,
+  // written when the line ends (at the end of the full expression). errno is kept, as every log
+  // statement keeps it.
   class Log {
    public:
     // |error| >= 0 appends ": " and its system error text.
-    Log(const SecureEvent& task, android::base::LogSeverity severity, int error = -1);
+    Log(const SecureEvent& task, android::base::LogSeverity severity, int error = -1,
+        const char* file = __builtin_FILE(), unsigned line = __builtin_LINE());
     ~Log();
     Log(const Log&) = delete;
     Log& operator=(const Log&) = delete;
@@ -106,28 +110,39 @@ class SecureEvent {
     const SecureEvent& task_;
     android::base::LogSeverity severity_;
     int error_;
+    const char* file_;
+    unsigned line_;
     int savedErrno_;
     std::ostringstream text_;
   };
 
+  // Returns the address of the task's request, or nothing when the task ends without one (it
+  // then has reported what it had to).
+  virtual std::optional<URLWrapper> Address() { return std::nullopt; }
+  // Prepares the request once its address is logged, before the host is resolved.
+  virtual void Prepare(const URLWrapper& /* address */) {}
+  // Returns the resolver's callback for the task's class.
+  virtual ResolveCallback ResolverCallback() const = 0;
   // The host is resolved: runs the transfer and the callback for its outcome.
   virtual void Resolved();
   // The task's work on a response that arrived, before the status and the dump are recorded.
   virtual void ProcessResponse() {}
   // Makes |address| the task's address and resolves its host; the resolver continues the task
-  // through |callback| before this returns.
-  void Resolve(const URLWrapper& address, ResolveCallback callback);
+  // before this returns.
+  void Resolve(const URLWrapper& address);
 
   // Logs the transfer step with the task's address and makes it the transfer URL.
   CURLcode SetTransferUrl();
-  // Logs ">> <name> is running...".
-  void LogBanner();
+  // Logs ">> <name> is running...", naming the caller's source line.
+  void LogBanner(const char* file = __builtin_FILE(), unsigned line = __builtin_LINE());
   // Logs "<name> url <scheme> <host> <path>".
   void LogAddress(const URLWrapper& address);
   // Opens the transfer's file through |open| and logs the step with |what| and the path. Returns
-  // CURLE_OK, or CURLE_WRITE_ERROR with the reason logged when the file cannot be opened.
+  // CURLE_OK, or CURLE_WRITE_ERROR with the reason logged when the file cannot be opened. The
+  // records name the caller's source line.
   CURLcode OpenTransferFile(const std::string& path, const std::string& what,
-                            const std::function<bool()>& open);
+                            const std::function<bool()>& open, const char* file = __builtin_FILE(),
+                            unsigned line = __builtin_LINE());
   // Installs |callback| for |key|, replacing an entry that is already there.
   void SetCallback(DownloadStatus key, OutcomeCallback callback);
   // Appends the three request headers that every request of the boot environment carries.
@@ -137,7 +152,6 @@ class SecureEvent {
 
  private:
   const char* logTag_;
-  const char* logFile_;
 };
 
 template <typename T>
@@ -159,16 +173,11 @@ NetworkTask<T>* EventWrapper<T>::instance = nullptr;
 template <typename T>
 class NetworkTask : public SecureEvent {
  protected:
-  NetworkTask(const char* tag, const char* file) : SecureEvent(tag, file) {
-    EventWrapper<T>::instance = this;
-  }
+  explicit NetworkTask(const char* tag) : SecureEvent(tag) { EventWrapper<T>::instance = this; }
   ~NetworkTask() override {
     if (EventWrapper<T>::instance == this) EventWrapper<T>::instance = nullptr;
   }
-  // Makes |address| the task's address and resolves its host.
-  void Resolve(const URLWrapper& address) {
-    SecureEvent::Resolve(address, EventWrapper<T>::fake_callback);
-  }
+  ResolveCallback ResolverCallback() const override { return EventWrapper<T>::fake_callback; }
 };
 
 // Sets libcurl options in order and keeps the first failure.

@@ -45,17 +45,14 @@ timeval ReadServerDate(FILE* headers) {
   return now;
 }
 
-SyncServerTime::SyncServerTime() : NetworkTask(LOG_TAG, __FILE__) {}
+SyncServerTime::SyncServerTime() : NetworkTask(LOG_TAG) {}
 
 std::string SyncServerTime::getDescriptor() {
   return "SyncServerTime";
 }
 
-void SyncServerTime::run() {
-  LogBanner();
-  URLWrapper address("http://", UpdateHost(), "", "");
-  LogAddress(address);
-  Resolve(address);
+std::optional<URLWrapper> SyncServerTime::Address() {
+  return URLWrapper("http://", UpdateHost(), "", "");
 }
 
 int SyncServerTime::PreExecuted() {

@@ -25,11 +25,12 @@ class SyncServerTime : public NetworkTask<SyncServerTime> {
  public:
   SyncServerTime();
 
-  void run() override;
   std::string getDescriptor() override;
   int PreExecuted() override;
 
  protected:
+  // The update host, with neither path nor query.
+  std::optional<URLWrapper> Address() override;
   // Sets the clock from the header block and tells the boot environment it is set.
   void ProcessResponse() override;
 

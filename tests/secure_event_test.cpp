@@ -21,8 +21,9 @@ namespace {
 
 class ScriptedTask : public SecureEvent {
  public:
-  ScriptedTask() : SecureEvent("ScriptedTask", __FILE__) {}
+  ScriptedTask() : SecureEvent("ScriptedTask") {}
   void run() override { ++runs; }
+  ResolveCallback ResolverCallback() const override { return nullptr; }
   std::string getDescriptor() override { return "ScriptedTask"; }
   int OnExecuted() override {
     ++transfers;
