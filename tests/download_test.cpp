@@ -473,13 +473,11 @@ TEST_F(DownloadTest, StagesRunToTheirEndWithoutStatusStreams) {
                 "Validate":"v"},"CurrentRom":{"version":"V1"},
                 "MirrorList":["http://mirror.yonda.example/base"]})");
   Serve({"--answer", "/tmp/harness/answer.json"});
-  auto first = StartRaw({"--run_from_fork", "--first_stage", "50", "51"});
-  Finish(*first);
+  auto first = RunRaw({"--run_from_fork", "--first_stage", "50", "51"});
   EXPECT_NE(std::string::npos, first->out().find("I:this is the last task, byebye\n"));
   unlink(kPackage);
-  auto second = StartRaw({"--run_from_fork", "--second_stage", "50", "51", "http://",
-                          "mirror.yonda.example", kPackagePath});
-  Finish(*second);
+  auto second = RunRaw({"--run_from_fork", "--second_stage", "50", "51", "http://",
+                        "mirror.yonda.example", kPackagePath});
   EXPECT_NE(std::string::npos, second->out().find("I:3 is the last task, byebye\n"));
   EXPECT_EQ(md5_, harness::Md5Sum(kPackage));
 }

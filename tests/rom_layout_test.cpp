@@ -6,6 +6,7 @@
 // The offered ROM laid out under the scratch tree, read back as a package address, dumped to
 // the persistent tree, and the diagnostic events beside it.
 
+#include <android-base/strings.h>
 #include <gtest/gtest.h>
 #include <sys/stat.h>
 #include <unistd.h>
@@ -56,9 +57,15 @@ TEST_F(RomLayoutTest, LayoutIsRewrittenOverAnEarlierOne) {
   ASSERT_EQ(0, stat((std::string(kRom) + "/1").c_str(), &st));
   EXPECT_EQ(static_cast<mode_t>(S_IFDIR | 0644), st.st_mode);
 
-  // A second run finds the mirror directories there and rewrites everything.
+  // A second run finds the mirror directories there, rewrites everything and points the link
+  // at the ROM again.
+  LogCapture log;
   LayOut(R"({"LatestRom":{"version":"V3","filename":"b.zip","filesize":"1M","md5":"m",
              "Validate":"v"},"CurrentRom":{"version":"V2"},"MirrorList":["http://m2"]})");
+  EXPECT_TRUE(android::base::EndsWith(
+      log.text(), "I:Create the CurrentRom info \"/tmp/download/CurrentRom\" -> \"" +
+                      std::string(kRom) + "\"\n"))
+      << log.text();
   EXPECT_EQ("V3", ReadFile(std::string(kRom) + "/version"));
   EXPECT_EQ("1048576", ReadFile(std::string(kRom) + "/filesize"));
   EXPECT_EQ("http://m2", ReadFile(std::string(kRom) + "/0/host"));

@@ -66,7 +66,8 @@ struct Row {
 // Returns the hexadecimal digest that |tool| prints for |text|, cut where the device cuts it: at
 // the first zero byte.
 std::string DeviceDigest(const std::string& tool, const std::string& text) {
-  const std::string digest = harness::Output("printf %s '" + text + "' | " + tool).substr(0, 64);
+  const std::string line = harness::Output("printf %s '" + text + "' | " + tool);
+  const std::string digest = line.substr(0, line.find_first_not_of("0123456789abcdef"));
   for (size_t i = 0; i + 1 < digest.size(); i += 2) {
     if (digest.compare(i, 2, "00") == 0) return digest.substr(0, i);
   }
