@@ -80,7 +80,7 @@ extern std::string kTmpRequestPlainPath;
 extern std::string kTmpRequestCipherPath;
 extern std::string kTmpResponsePlainPath;
 extern std::string kTmpResponseCipherPath;
-extern std::string kTmpStatusPath;
+extern std::string kTmpStatusPath;  // layout only: the status file is written by name
 extern std::string kSecureUpdatePackagePath;
 
 // Puts |prefix| in front of every path of the scratch tree (the scratch layout, the package and
