@@ -209,6 +209,7 @@ int main(int argc, char** argv) {
     printf("%.4f\n", Seconds(Clock::now() - began));
     return 0;
   }
+  // Bad usage, as for every tool of the project.
   fprintf(stderr, "usage: see the comment at the top of bench/bench_client.cpp\n");
-  return 2;
+  return 64;
 }
