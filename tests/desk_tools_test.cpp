@@ -10,6 +10,7 @@
 
 #include <gtest/gtest.h>
 
+#include <regex>
 #include <string>
 
 #include "harness/harness.h"
@@ -49,9 +50,6 @@ TEST_F(DeskToolsTest, OptionsAreParsedLikeOtherDebianTools) {
     std::string err;     // what standard error holds besides the usage ("": nothing at all)
     std::string absent = "";  // what standard output must not hold
   } cases[] = {
-      {ui + " --version", 0, std::string("bundlerun-ui ") + TEST_VERSION, ""},
-      {server + " --version", 0, std::string("bundlerun-update-server ") + TEST_VERSION, ""},
-      {rom_maker + " --version", 0, std::string("make-sample-rom ") + TEST_VERSION, ""},
       {ui + " --bogus", 64, "", "bundlerun-ui: unknown option '--bogus'\n"},
       {server + " --bogus=1", 64, "", "bundlerun-update-server: unknown option '--bogus'\n"},
       {rom_maker + " --bogus", 64, "", "make-sample-rom: unrecognized option '--bogus'\n"},
@@ -102,6 +100,36 @@ TEST_F(DeskToolsTest, OptionsAreParsedLikeOtherDebianTools) {
     }
   }
   EXPECT_EQ(1048576u, ReadFile("/tmp/harness/one.zip").size());
+}
+
+// Each tool names itself, the version and, when built from a git checkout, the commit of the
+// checkout's HEAD (marked when the tree had changes).
+TEST_F(DeskToolsTest, VersionNamesTheCommitOfTheCheckout) {
+  const std::string head =
+      Output(std::string("git -C '") + TEST_SOURCE_DIR + "' rev-parse HEAD 2> /dev/null");
+  const std::string version = std::regex_replace(TEST_VERSION, std::regex("\\."), "\\.");
+  const std::pair<std::string, std::string> tools[] = {
+      {harness::ShellProgram(UI_BIN), "bundlerun-ui"},
+      {UPDATE_SERVER_BIN, "bundlerun-update-server"},
+      {SAMPLE_ROM_MAKER, "make-sample-rom"},
+  };
+  for (const auto& [program, name] : tools) {
+    SCOPED_TRACE(name);
+    std::string out, err;
+    EXPECT_EQ(0, RunTool(program + " --version", &out, &err));
+    EXPECT_EQ("", err);
+    std::smatch match;
+    ASSERT_TRUE(std::regex_search(
+        out, match,
+        std::regex("^" + name + " " + version + "( \\(git ([0-9a-f]{7,40})(-dirty)?\\))?\n")))
+        << out;
+    if (head.empty()) {
+      EXPECT_FALSE(match[1].matched) << out;
+    } else {
+      ASSERT_TRUE(match[2].matched) << out;
+      EXPECT_EQ(0u, head.rfind(match[2].str(), 0)) << "HEAD " << head << out;
+    }
+  }
 }
 
 }  // namespace
