@@ -82,18 +82,27 @@ int UsageError(const DeskTool& tool, const std::string& message) {
   return kExitUsage;
 }
 
-// Returns what getopt_long could not take from |argument|: an option it does not know, an
-// abbreviation that fits several, or a value given to an option that takes none. |code| is
-// getopt_long's optopt.
-std::string Refusal(const DeskTool& tool, const std::string& argument, int code) {
+// Returns what getopt_long could not take: an option it does not know, an abbreviation that fits
+// several (--help and --version included), or a value given to an option that takes none. |code|
+// is getopt_long's optopt: 0 for a long option it could not match, whose text is |argument|, the
+// option's value for a long option given a value, and the character of an unknown short option
+// (named from |code|, since inside a cluster like "-xh" optind still points before it).
+std::string Refusal(const std::vector<option>& long_options, const std::string& argument,
+                    int code) {
+  if (code != 0) {
+    for (const option& known : long_options) {
+      if (known.name != nullptr && known.val == code) {
+        return "option '--" + std::string(known.name) + "' takes no value";
+      }
+    }
+    return "unknown option '-" + std::string(1, static_cast<char>(code)) + "'";
+  }
   const std::string name = argument.substr(0, argument.find('='));
-  if (code != 0 && name.rfind("--", 0) == 0) return "option '" + name + "' takes no value";
-  if (code != 0) return "unknown option '-" + std::string(1, static_cast<char>(code)) + "'";
   std::string fits;
   int count = 0;
-  for (const DeskOption& option : tool.options) {
-    if (option.name != nullptr && ("--" + std::string(option.name)).rfind(name, 0) == 0) {
-      fits += (count++ == 0 ? "--" : ", --") + std::string(option.name);
+  for (const option& known : long_options) {
+    if (known.name != nullptr && ("--" + std::string(known.name)).rfind(name, 0) == 0) {
+      fits += (count++ == 0 ? "--" : ", --") + std::string(known.name);
     }
   }
   if (count < 2) return "unknown option '" + name + "'";
@@ -124,7 +133,6 @@ int ParseDeskCommandLine(const DeskTool& tool, int argc, char** argv) {
   opterr = 0;
   int value;
   while ((value = getopt_long(argc, argv, ":h", long_options.data(), nullptr)) != -1) {
-    const std::string argument = argv[optind - 1];
     if (value == 'h') {
       fputs(HelpText(tool).c_str(), stdout);
       return 0;
@@ -133,7 +141,10 @@ int ParseDeskCommandLine(const DeskTool& tool, int argc, char** argv) {
       PrintVersion(tool.name);
       return 0;
     }
-    if (value == '?') return UsageError(tool, Refusal(tool, argument, optopt));
+    if (value == '?') {
+      // A long option that could not be matched is the argument just passed.
+      return UsageError(tool, Refusal(long_options, argv[optind - 1], optopt));
+    }
     if (value == ':') {
       const DeskOption& row = tool.options[optopt - kFirstRowValue];
       return UsageError(
