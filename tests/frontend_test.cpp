@@ -70,14 +70,16 @@ class FrontendTest : public harness::SandboxTest {
   }
 };
 
-TEST_F(FrontendTest, PlainModeRunsAWholeUpdateAndRefusesAWrongPackage) {
+TEST_F(FrontendTest, PlainModeRunsAWholeUpdateAndRefusesAWrongPackageOrAnEmptyOne) {
   struct Case {
     const char* md5;  // "": the package's own
+    bool empty;       // the mirror serves an empty file
     int exit_status;
     std::vector<std::string> lines;
     const char* never;
   } cases[] = {
       {"",
+       false,
        0,
        {"stage1: clock set from the update server (0:s)\n",
         "stage1: a ROM is offered, its package address answered (2:s:0)\n",
@@ -89,14 +91,24 @@ TEST_F(FrontendTest, PlainModeRunsAWholeUpdateAndRefusesAWrongPackage) {
         "install: Install complete\n", "install: installer finished\n", "done: update finished\n"},
        "NOT match"},
       {"0123456789abcdef0123456789abcdef",
+       false,
        2,
        {"verify: package does NOT match the ROM: MD5 ",
         ", the ROM says 0123456789abcdef0123456789abcdef\n"},
        "install:"},
+      // A transfer that brings nothing ends the download: bundlerun does not try again.
+      {"",
+       true,
+       1,
+       {"stage2: download failed: the transfer completed with nothing received (3:f:52)\n",
+        "stage2: received 0 B in ", "; 0 retries, 0 redirects, 0 pauses\n",
+        "done: update did not finish\n"},
+       "retry"},
   };
   for (const Case& c : cases) {
     SCOPED_TRACE(c.exit_status);
     ServeRom(4, {}, c.md5);
+    if (c.empty) WriteFile(kRomZip, "");
     std::string out;
     EXPECT_EQ(c.exit_status, RunPlain({"--report", kReport}, &out)) << out;
     size_t at = 0;

@@ -109,6 +109,7 @@ void SessionRecord::Apply(const Event& event) {
   DownloadState& d = download_;
   const FieldValue* command = event.Find("command");
   const FieldValue* name = event.Find("name");
+  const FieldValue* ok = event.Find("ok");
   bool restart = false;
   switch (event.kind) {
     case EventKind::kCommand:
@@ -135,7 +136,8 @@ void SessionRecord::Apply(const Event& event) {
       restart = true;
       break;
     case EventKind::kTask:
-      if (name && std::get<std::string>(*name) == "download") {
+      // A download that failed is ended by EndDownload, with its outcome.
+      if (name && std::get<std::string>(*name) == "download" && ok && std::get<bool>(*ok)) {
         d.state = "complete";
         d.percent = 100;
       }

@@ -32,6 +32,8 @@ constexpr char kUiPrintPrefix[] = "E:ui_print: ";
 constexpr char kCantRunPrefix[] = "E:Can't run ";
 constexpr char kByeBye[] = "I:Bye bye, RUN_UPDATER";
 constexpr char kRedirectPrefix[] = "D:>> Redirected URL=";
+// bundlerun's log line just before the failure line of a transfer that it tries again.
+constexpr char kRetryPrefix[] = "E:Unexception(";
 
 std::atomic<bool> g_interrupted{false};
 
@@ -45,6 +47,21 @@ std::string Meaning(const std::string& payload) {
   int code = 0;
   if (!android::base::ParseInt(payload, &code)) return payload;
   return "libcurl " + payload + ", " + curl_easy_strerror(static_cast<CURLcode>(code));
+}
+
+// Returns whether a failure line of the download ends it. bundlerun tries again after every
+// failure but two: "3:f:3" (it had no package address and asked nothing) and "3:f:52" (a
+// transfer completed with nothing received). A transfer that libcurl itself ends with 3 or 52 is
+// tried again like any other; bundlerun announces every retry on its log just before the
+// failure line, which |announced| says.
+bool EndsDownload(const std::string& payload, bool announced) {
+  return !announced && (payload == "3" || payload == "52");
+}
+
+// Returns what a failure line that ends the download means.
+std::string DownloadEnd(const std::string& payload) {
+  return payload == "3" ? "bundlerun had no package address"
+                        : "the transfer completed with nothing received";
 }
 
 // Returns the name of a task of stage one.
@@ -209,6 +226,7 @@ void UpdateSession::CannotStart() {
 
 void UpdateSession::OnLogLine(const std::string& line) {
   record_.LogLine(line);
+  if (downloading_ && android::base::StartsWith(line, kRetryPrefix)) ++announced_retries_;
   if (downloading_ && android::base::StartsWith(line, kRedirectPrefix)) {
     const std::string url = line.substr(strlen(kRedirectPrefix));
     record_.Add(EventKind::kRedirect, "transfer redirected to " + url, {{"url", url}});
@@ -348,6 +366,8 @@ int UpdateSession::StageTwo(const RomDescription& rom, const PackageAddress& add
   bool stop_sent = false;
   std::string completed;
   bool stopped = false;
+  bool failed = false;
+  announced_retries_ = 0;
   record_.StartDownload(rom.size.value_or(0), FileSize(package_path_));
   downloading_ = true;
 
@@ -369,7 +389,20 @@ int UpdateSession::StageTwo(const RomDescription& rom, const PackageAddress& add
           stopped = true;
           record_.Add(EventKind::kStopped, "", {status});
         }
+      } else if (r.letter == 'f' && failed) {
+        // After the download's end, each redirect it followed reports that end once more.
+      } else if (r.letter == 'f' && EndsDownload(r.payload, announced_retries_ > 0)) {
+        failed = true;
+        record_.Add(EventKind::kTask,
+                    "download failed: " + DownloadEnd(r.payload) + " (" + r.text() + ")",
+                    {{"task", int64_t{r.index}},
+                     {"name", "download"},
+                     status,
+                     {"ok", false},
+                     {"code", r.payload},
+                     {"meaning", DownloadEnd(r.payload)}});
       } else if (r.letter == 'f') {
+        if (announced_retries_ > 0) --announced_retries_;
         const int retry = record_.download().retries + 1;
         record_.Add(EventKind::kRetry,
                     "transfer failed (" + Meaning(r.payload) + "), retry " + std::to_string(retry),

@@ -91,6 +91,7 @@ class UpdateSession {
   bool installer_done_ = false;
   bool installing_ = false;
   bool downloading_ = false;
+  int announced_retries_ = 0;  // retries bundlerun announced on its log, not yet on the channel
   // The counts of the downloads before the last, for the run's totals.
   int earlier_retries_ = 0;
   int earlier_redirects_ = 0;
