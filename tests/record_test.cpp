@@ -8,10 +8,16 @@
 #include <gtest/gtest.h>
 #include <math.h>
 
+#include <chrono>
+#include <thread>
+#include <vector>
+
 #include "record.h"
 #include "svg_report.h"
 
 namespace {
+
+using namespace std::chrono_literals;
 
 constexpr double kMB = 1e6;
 
@@ -56,6 +62,55 @@ TEST(RecordTest, SpeedIsAnAverageOverSecondsThatStartsAgainAfterAPauseOrARetry) 
   meter.Observe(t, 0);
   Grow(meter, &t, &bytes, 1 * kMB, 1);
   EXPECT_NEAR(1 * kMB, *meter.speed(), 1);
+}
+
+TEST(RecordTest, DownloadSpeedStartsAgainAfterAPauseOrARetry) {
+  const std::vector<std::vector<EventKind>> restarts = {
+      {EventKind::kRetry}, {EventKind::kPaused, EventKind::kContinued}};
+  for (const std::vector<EventKind>& restart : restarts) {
+    SCOPED_TRACE(EventName(restart.front()));
+    SessionRecord record;
+    record.StartDownload(0, 0);
+    std::this_thread::sleep_for(100ms);
+    record.ObserveDownload(1000 * kMB);
+    for (EventKind kind : restart) record.Add(kind, "");
+    record.ObserveDownload(1000 * kMB);
+    std::this_thread::sleep_for(100ms);
+    record.ObserveDownload(1000 * kMB + 1000);
+    // 1000 bytes in at least 0.1 s; the average from before the restart is gigabytes a second.
+    ASSERT_TRUE(record.download().speed);
+    EXPECT_LE(*record.download().speed, 10000);
+    EXPECT_FALSE(record.download().eta()) << "the ROM's size is unknown";
+  }
+}
+
+// One download that fails, then one that is paused and stopped while paused.
+TEST(RecordTest, PauseLastsUntilTheStopAndEachDownloadHasItsOwnSpeedLine) {
+  SessionRecord record;
+  record.StartDownload(10 * kMB, 0);
+  std::this_thread::sleep_for(100ms);
+  record.ObserveDownload(1 * kMB);
+  record.EndDownload("failed");
+  record.StartDownload(10 * kMB, 1 * kMB);
+  std::this_thread::sleep_for(100ms);
+  record.ObserveDownload(2 * kMB);
+  record.Add(EventKind::kPaused, "");
+  std::this_thread::sleep_for(100ms);
+  record.Add(EventKind::kCommand, "", {{"command", std::string("s")}});
+  std::this_thread::sleep_for(100ms);
+  record.Add(EventKind::kStopped, "");
+  record.EndDownload("stopped");
+
+  const Event& summary = record.events().back();
+  ASSERT_EQ(EventKind::kDownload, summary.kind);
+  EXPECT_GE(std::get<double>(*summary.Find("paused")), 0.2);
+  int lines = 0;
+  std::optional<double> before;
+  for (const SpeedSample& sample : record.samples()) {
+    if (sample.speed && !before) ++lines;
+    before = sample.speed;
+  }
+  EXPECT_EQ(2, lines);
 }
 
 TEST(RecordTest, AxesHaveNiceStepsThatHoldTheirMaximum) {

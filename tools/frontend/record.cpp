@@ -76,14 +76,14 @@ std::optional<double> SpeedMeter::speed() const {
 }
 
 std::optional<double> DownloadState::eta() const {
-  if (state == "complete" || (total > 0 && bytes >= total)) return 0.0;
-  if (state != "downloading" || !speed || *speed <= 0) return std::nullopt;
-  return static_cast<double>(total - bytes) / *speed;
+  if (state == "complete") return 0.0;
+  if (total == 0 || state != "downloading" || !speed || *speed <= 0) return std::nullopt;
+  return bytes >= total ? 0.0 : static_cast<double>(total - bytes) / *speed;
 }
 
 std::optional<double> DownloadState::average() const {
   double running = elapsed - paused_seconds;
-  if (state == "paused") running -= began + elapsed - paused_since;
+  if (paused_since) running -= began + elapsed - *paused_since;
   if (running <= 0 || bytes < held) return std::nullopt;
   return static_cast<double>(bytes - held) / running;
 }
@@ -123,7 +123,8 @@ void SessionRecord::Apply(const Event& event) {
       break;
     case EventKind::kContinued:
     case EventKind::kStopped:
-      if (d.state == "paused") d.paused_seconds += event.t - d.paused_since;
+      // A stop sent while paused leaves the transfer paused until bundlerun has stopped it.
+      EndPause(event.t);
       d.state = event.kind == EventKind::kStopped ? "stopped" : "downloading";
       restart = true;
       break;
@@ -156,6 +157,12 @@ void SessionRecord::Apply(const Event& event) {
   }
 }
 
+void SessionRecord::EndPause(double t) {
+  DownloadState& d = download_;
+  if (d.paused_since) d.paused_seconds += t - *d.paused_since;
+  d.paused_since.reset();
+}
+
 void SessionRecord::AddSample(double t) {
   const std::optional<double> speed = meter_.speed();
   if (!speed || !stretch_start_) return;
@@ -180,7 +187,8 @@ void SessionRecord::ObserveDownload(uint64_t bytes) {
   const double t = Now();
   d.bytes = bytes;
   d.elapsed = t - d.began;
-  if (d.state == "downloading" || d.state == "stopping" || d.state == "complete") {
+  if (!d.paused_since &&
+      (d.state == "downloading" || d.state == "stopping" || d.state == "complete")) {
     if (!stretch_start_) stretch_start_ = t;
     if (meter_.Observe(t, bytes)) AddSample(t);
     d.speed = meter_.speed();
@@ -207,8 +215,13 @@ void SessionRecord::AddProgress() {
 
 void SessionRecord::EndDownload(const std::string& outcome) {
   DownloadState& d = download_;
-  AddSample(Now());
-  if (d.state == "paused") d.paused_seconds += Now() - d.paused_since;
+  const double t = Now();
+  d.elapsed = t - d.began;
+  AddSample(t);
+  // The next download's speed is a line of its own.
+  if (!samples_.empty() && samples_.back().speed) samples_.push_back({t, std::nullopt});
+  stretch_start_.reset();
+  EndPause(t);
   if (d.state != "complete" && d.state != "stopped") d.state = outcome;
   AddProgress();
   d.active = false;

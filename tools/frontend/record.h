@@ -102,10 +102,11 @@ struct DownloadState {
   int retries = 0;
   int redirects = 0;
   int pauses = 0;
-  double paused_seconds = 0;  // time spent paused, acknowledged pause to continue
-  double paused_since = 0;
-  std::string state = "downloading";  // or "paused", "stopping", "stopped", "complete"
-  // Returns the seconds left at the current speed, or nothing when unknown or paused.
+  double paused_seconds = 0;           // time spent paused, acknowledged pause to continue or end
+  std::optional<double> paused_since;  // when the pause under way began; none without one
+  std::string state = "downloading";   // or "paused", "stopping", "stopped", "complete", "failed"
+  // Returns the seconds left at the current speed, or nothing when unknown (no speed, or no
+  // size of the ROM) or paused.
   std::optional<double> eta() const;
   // Returns the average speed over the time not paused, or nothing before any time passed.
   std::optional<double> average() const;
@@ -161,6 +162,8 @@ class SessionRecord {
  private:
   // Brings the download's state up to |event|.
   void Apply(const Event& event);
+  // Adds the pause under way, if any, to the time paused: it ended at |t|.
+  void EndPause(double t);
   // Records a progress event of the download as it stands.
   void AddProgress();
   // Adds a point at |t| to the speed line of the current stretch (between restarts and pauses).
