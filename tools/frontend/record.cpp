@@ -261,3 +261,47 @@ std::string HumanBytes(uint64_t bytes) {
   return unit == 0 ? StringPrintf("%llu B", static_cast<unsigned long long>(bytes))
                    : StringPrintf("%.1f %s", value, kUnits[unit]);
 }
+
+std::string CleanText(const std::string& text) {
+  static constexpr char kReplacement[] = "\xef\xbf\xbd";  // U+FFFD
+  std::string out;
+  out.reserve(text.size());
+  for (size_t i = 0; i < text.size();) {
+    const auto byte = [&](size_t k) { return static_cast<unsigned char>(text[i + k]); };
+    const unsigned char lead = byte(0);
+    if (lead < 0x80) {
+      if (lead >= 0x20 || lead == '\t' || lead == '\n' || lead == '\r') out += text[i];
+      ++i;
+      continue;
+    }
+    // The length of the sequence that |lead| begins (0: none), and the range of its second
+    // byte, which leaves out overlong forms, surrogates and code points above U+10FFFF.
+    size_t length = 0;
+    unsigned char low = 0x80;
+    unsigned char high = 0xbf;
+    if (lead >= 0xc2 && lead <= 0xdf) {
+      length = 2;
+    } else if (lead >= 0xe0 && lead <= 0xef) {
+      length = 3;
+      if (lead == 0xe0) low = 0xa0;
+      if (lead == 0xed) high = 0x9f;
+    } else if (lead >= 0xf0 && lead <= 0xf4) {
+      length = 4;
+      if (lead == 0xf0) low = 0x90;
+      if (lead == 0xf4) high = 0x8f;
+    }
+    size_t n = 1;
+    for (; n < length && i + n < text.size(); ++n) {
+      if (byte(n) < (n == 1 ? low : 0x80) || byte(n) > (n == 1 ? high : 0xbf)) break;
+    }
+    if (n < length || length == 0) {
+      out += kReplacement;
+      i += n;
+      continue;
+    }
+    const bool not_a_character = lead == 0xef && byte(1) == 0xbf && byte(2) >= 0xbe;
+    if (!not_a_character) out.append(text, i, length);
+    i += length;
+  }
+  return out;
+}

@@ -185,3 +185,9 @@ std::string Duration(double seconds);
 
 // Returns |bytes| in human units, such as "256.0 MiB".
 std::string HumanBytes(uint64_t bytes);
+
+// Returns |text| as text that XML 1.0 and JSON both accept, for the report and the JSON stream:
+// well-formed UTF-8, each ill-formed sequence (its longest start that could begin a character)
+// replaced by U+FFFD, and the characters XML forbids left out: control characters other than
+// tab, line feed and carriage return, U+FFFE and U+FFFF.
+std::string CleanText(const std::string& text);
