@@ -16,6 +16,7 @@
 
 #include <chrono>
 #include <memory>
+#include <regex>
 #include <string>
 #include <thread>
 #include <vector>
@@ -415,13 +416,20 @@ TEST_F(FrontendTest, TerminalModeFitsTheBarToEightyColumnsAndObeysKeys) {
     }
     return std::string();
   };
-  ASSERT_TRUE(WaitForScreen("B/s  ETA ", 60s)) << Screen();
-  const std::string running = bar("  downloading  [p]ause [s]top");
+  // While downloading: the percent, the size, the speed, the elapsed time, the time left, the
+  // state and the keys.
+  ASSERT_TRUE(WaitForScreen(" ETA ", 60s)) << Screen();
+  const std::string running = bar(" downloading [p]ause [s]top");
   EXPECT_LT(running.size(), 80u) << running;
-  EXPECT_NE(std::string::npos, running.find("B/s  ETA ")) << running;
+  EXPECT_TRUE(std::regex_match(
+      running,
+      std::regex(R"( +\d+% [.\d]+ (?:[KM]i)?B [.\d]+ (?:[KM]i)?B/s elapsed \d+:\d\d ETA \d+:\d\d)"
+                 R"( downloading \[p\]ause \[s\]top)")))
+      << running;
   ASSERT_EQ(0, system("tmux send-keys -t ui p"));
   // No speed and no time left while paused.
   const std::string paused = bar("  paused  [c]ontinue [s]top");
+  EXPECT_NE(std::string::npos, paused.find("  elapsed 0:")) << paused;
   EXPECT_EQ(std::string::npos, paused.find("B/s")) << paused;
   EXPECT_EQ(std::string::npos, paused.find("ETA")) << paused;
   ASSERT_EQ(0, system("tmux send-keys -t ui s"));
