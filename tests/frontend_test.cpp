@@ -285,7 +285,12 @@ TEST_F(FrontendTest, RecordsAWholeUpdateAsJsonAStampedLogAndAPicture) {
   EXPECT_GE(Number(download, "paused"), 1);
 
   // Every line of the log is stamped, the stamps never go back, and the run starts with its header.
-  const std::vector<std::string> log = android::base::Split(ReadFile(kUiLog), "\n");
+  // The log says when a command was sent and when bundlerun acknowledged it.
+  const std::string log_text = ReadFile(kUiLog);
+  const size_t sent = log_text.find("] ui stage2: sent \"p\" (input)\n");
+  EXPECT_NE(std::string::npos, sent);
+  EXPECT_NE(std::string::npos, log_text.find("] ui stage2: paused (3:r:p)\n", sent));
+  const std::vector<std::string> log = android::base::Split(log_text, "\n");
   ASSERT_GT(log.size(), 10u);
   EXPECT_TRUE(android::base::StartsWith(log[0], "[    0.0")) << log[0];
   EXPECT_NE(std::string::npos, log[0].find(" bundlerun-ui ")) << log[0];
