@@ -167,6 +167,8 @@ TEST_F(FrontendTest, RecordsAWholeUpdateAsJsonAStampedLogAndAPicture) {
   ASSERT_EQ(0, system((std::string("mkdir -p /tmp/harness/mirror/moved/V2.0 && cp ") + kRomZip +
                        " /tmp/harness/mirror/moved/V2.0/")
                           .c_str()));
+  // The picture of an earlier run stays whole until this run's is.
+  WriteFile(kReport, "<svg/>");
   auto ui = bundlerun_parent::Child::StartWithInput(
       UI_BIN, {"--json", "--log", kUiLog, "--report", kReport});
   ASSERT_NE(nullptr, ui);
@@ -189,7 +191,10 @@ TEST_F(FrontendTest, RecordsAWholeUpdateAsJsonAStampedLogAndAPicture) {
       if (!pause_sent && kind == "\"progress\"" && Number(e, "percent") >= 30) {
         pause_sent = ui->SendCommand("p\n");
       }
-      if (kind == "\"paused\"") paused_at = Number(e, "t");
+      if (kind == "\"paused\"") {
+        paused_at = Number(e, "t");
+        EXPECT_EQ("<svg/>", ReadFile(kReport));
+      }
       if (paused_at >= 0 && !continue_sent && Number(e, "t") >= paused_at + 1) {
         continue_sent = ui->SendCommand("c\n");
       }
