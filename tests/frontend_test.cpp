@@ -409,6 +409,11 @@ TEST_F(FrontendTest, WholeUpdateOverAShapedLinkThatBreaksTwice) {
       ++downloads;
     }
     EXPECT_EQ(static_cast<size_t>(c.downloads), downloads) << out;
+    if (c.downloads > 1) {
+      EXPECT_NE(std::string::npos,
+                ReadFile(kUiLog).find(
+                    "] ui verify: removed the package; downloading it again (1 of 1)\n"));
+    }
   }
 }
 

@@ -54,7 +54,8 @@ Environment:
 Exit status:
   0   the update is installed, or no ROM is offered
   1   a stage failed
-  2   the package does not match the ROM's md5, also after --redownload
+  2   the package does not match the ROM's md5 after the last download that
+      --redownload allows, or cannot be removed to be downloaded again
   3   the installer could not run
   4   the download was stopped
   64  bad usage

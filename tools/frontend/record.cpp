@@ -85,7 +85,7 @@ std::optional<double> DownloadState::average() const {
   double running = elapsed - paused_seconds;
   if (paused_since) running -= began + elapsed - *paused_since;
   if (running <= 0 || bytes < held) return std::nullopt;
-  return static_cast<double>(bytes - held) / running;
+  return static_cast<double>(received()) / running;
 }
 
 void SessionRecord::Begin(const std::string& stage, const std::string& title) {
@@ -226,7 +226,7 @@ void SessionRecord::EndDownload(const std::string& outcome) {
   AddProgress();
   d.active = false;
   const std::optional<double> average = d.average();
-  const uint64_t received = d.bytes >= d.held ? d.bytes - d.held : 0;
+  const uint64_t received = d.received();
   std::string text =
       StringPrintf("%s %s in %.1f s", outcome == "complete" ? "downloaded" : "received",
                    HumanBytes(received).c_str(), d.elapsed);

@@ -108,6 +108,8 @@ struct DownloadState {
   // Returns the seconds left at the current speed, or nothing when unknown (no speed, or no
   // size of the ROM) or paused.
   std::optional<double> eta() const;
+  // Returns the bytes received in this download: what the package file grew by.
+  uint64_t received() const { return bytes >= held ? bytes - held : 0; }
   // Returns the average speed over the time not paused, or nothing before any time passed.
   std::optional<double> average() const;
 };

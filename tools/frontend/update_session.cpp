@@ -9,6 +9,7 @@
 #include <android-base/properties.h>
 #include <android-base/strings.h>
 #include <curl/curl.h>
+#include <errno.h>
 #include <signal.h>
 #include <string.h>
 #include <sys/stat.h>
@@ -186,7 +187,7 @@ void UpdateSession::RecordResult(int status) {
               {{"status", int64_t{status}},
                {"outcome", Outcome(status)},
                {"elapsed", record_.Now()},
-               {"bytes", static_cast<int64_t>(d.bytes >= d.held ? d.bytes - d.held : 0)},
+               {"bytes", static_cast<int64_t>(earlier_bytes_ + d.received())},
                {"retries", int64_t{earlier_retries_ + d.retries}},
                {"redirects", int64_t{earlier_redirects_ + d.redirects}},
                {"pauses", int64_t{earlier_pauses_ + d.pauses}},
@@ -198,12 +199,19 @@ int UpdateSession::Download(const RomDescription& rom, const PackageAddress& add
   // A mirror that answers a resumed request with the whole file leaves, after any broken
   // connection, a package longer than the ROM; only a download from nothing can mend it.
   while (result == kUiPackageMismatch && redownloads_ < options_.redownload) {
+    // A package left in place would have the next download appended to it.
+    if (unlink(package_path_.c_str()) != 0 && errno != ENOENT) {
+      const std::string reason = strerror(errno);
+      record_.Add(EventKind::kNote, "cannot remove the package " + package_path_ + ": " + reason +
+                                        "; not downloading it again");
+      return kUiPackageMismatch;
+    }
     ++redownloads_;
     const DownloadState& d = record_.download();
+    earlier_bytes_ += d.received();
     earlier_retries_ += d.retries;
     earlier_redirects_ += d.redirects;
     earlier_pauses_ += d.pauses;
-    unlink(package_path_.c_str());
     record_.Add(EventKind::kRedownload,
                 "removed the package; downloading it again (" + std::to_string(redownloads_) +
                     " of " + std::to_string(options_.redownload) + ")",
