@@ -16,6 +16,7 @@
 
 #include <chrono>
 #include <memory>
+#include <regex>
 #include <string>
 #include <thread>
 #include <vector>
@@ -70,14 +71,16 @@ class FrontendTest : public harness::SandboxTest {
   }
 };
 
-TEST_F(FrontendTest, PlainModeRunsAWholeUpdateAndRefusesAWrongPackage) {
+TEST_F(FrontendTest, PlainModeRunsAWholeUpdateAndRefusesAWrongPackageOrAnEmptyOne) {
   struct Case {
     const char* md5;  // "": the package's own
+    bool empty;       // the mirror serves an empty file
     int exit_status;
     std::vector<std::string> lines;
     const char* never;
   } cases[] = {
       {"",
+       false,
        0,
        {"stage1: clock set from the update server (0:s)\n",
         "stage1: a ROM is offered, its package address answered (2:s:0)\n",
@@ -89,14 +92,24 @@ TEST_F(FrontendTest, PlainModeRunsAWholeUpdateAndRefusesAWrongPackage) {
         "install: Install complete\n", "install: installer finished\n", "done: update finished\n"},
        "NOT match"},
       {"0123456789abcdef0123456789abcdef",
+       false,
        2,
        {"verify: package does NOT match the ROM: MD5 ",
         ", the ROM says 0123456789abcdef0123456789abcdef\n"},
        "install:"},
+      // A transfer that brings nothing ends the download: bundlerun does not try again.
+      {"",
+       true,
+       1,
+       {"stage2: download failed: the transfer completed with nothing received (3:f:52)\n",
+        "stage2: received 0 B in ", "; 0 retries, 0 redirects, 0 pauses\n",
+        "done: update did not finish\n"},
+       "retry"},
   };
   for (const Case& c : cases) {
     SCOPED_TRACE(c.exit_status);
     ServeRom(4, {}, c.md5);
+    if (c.empty) WriteFile(kRomZip, "");
     std::string out;
     EXPECT_EQ(c.exit_status, RunPlain({"--report", kReport}, &out)) << out;
     size_t at = 0;
@@ -154,6 +167,8 @@ TEST_F(FrontendTest, RecordsAWholeUpdateAsJsonAStampedLogAndAPicture) {
   ASSERT_EQ(0, system((std::string("mkdir -p /tmp/harness/mirror/moved/V2.0 && cp ") + kRomZip +
                        " /tmp/harness/mirror/moved/V2.0/")
                           .c_str()));
+  // The picture of an earlier run stays whole until this run's is.
+  WriteFile(kReport, "<svg/>");
   auto ui = bundlerun_parent::Child::StartWithInput(
       UI_BIN, {"--json", "--log", kUiLog, "--report", kReport});
   ASSERT_NE(nullptr, ui);
@@ -176,7 +191,10 @@ TEST_F(FrontendTest, RecordsAWholeUpdateAsJsonAStampedLogAndAPicture) {
       if (!pause_sent && kind == "\"progress\"" && Number(e, "percent") >= 30) {
         pause_sent = ui->SendCommand("p\n");
       }
-      if (kind == "\"paused\"") paused_at = Number(e, "t");
+      if (kind == "\"paused\"") {
+        paused_at = Number(e, "t");
+        EXPECT_EQ("<svg/>", ReadFile(kReport));
+      }
       if (paused_at >= 0 && !continue_sent && Number(e, "t") >= paused_at + 1) {
         continue_sent = ui->SendCommand("c\n");
       }
@@ -272,7 +290,12 @@ TEST_F(FrontendTest, RecordsAWholeUpdateAsJsonAStampedLogAndAPicture) {
   EXPECT_GE(Number(download, "paused"), 1);
 
   // Every line of the log is stamped, the stamps never go back, and the run starts with its header.
-  const std::vector<std::string> log = android::base::Split(ReadFile(kUiLog), "\n");
+  // The log says when a command was sent and when bundlerun acknowledged it.
+  const std::string log_text = ReadFile(kUiLog);
+  const size_t sent = log_text.find("] ui stage2: sent \"p\" (input)\n");
+  EXPECT_NE(std::string::npos, sent);
+  EXPECT_NE(std::string::npos, log_text.find("] ui stage2: paused (3:r:p)\n", sent));
+  const std::vector<std::string> log = android::base::Split(log_text, "\n");
   ASSERT_GT(log.size(), 10u);
   EXPECT_TRUE(android::base::StartsWith(log[0], "[    0.0")) << log[0];
   EXPECT_NE(std::string::npos, log[0].find(" bundlerun-ui ")) << log[0];
@@ -386,6 +409,11 @@ TEST_F(FrontendTest, WholeUpdateOverAShapedLinkThatBreaksTwice) {
       ++downloads;
     }
     EXPECT_EQ(static_cast<size_t>(c.downloads), downloads) << out;
+    if (c.downloads > 1) {
+      EXPECT_NE(std::string::npos,
+                ReadFile(kUiLog).find(
+                    "] ui verify: removed the package; downloading it again (1 of 1)\n"));
+    }
   }
 }
 
@@ -403,13 +431,20 @@ TEST_F(FrontendTest, TerminalModeFitsTheBarToEightyColumnsAndObeysKeys) {
     }
     return std::string();
   };
-  ASSERT_TRUE(WaitForScreen("B/s  ETA ", 60s)) << Screen();
-  const std::string running = bar("  downloading  [p]ause [s]top");
+  // While downloading: the percent, the size, the speed, the elapsed time, the time left, the
+  // state and the keys.
+  ASSERT_TRUE(WaitForScreen(" ETA ", 60s)) << Screen();
+  const std::string running = bar(" downloading [p]ause [s]top");
   EXPECT_LT(running.size(), 80u) << running;
-  EXPECT_NE(std::string::npos, running.find("B/s  ETA ")) << running;
+  EXPECT_TRUE(std::regex_match(
+      running,
+      std::regex(R"( +\d+% [.\d]+ (?:[KM]i)?B [.\d]+ (?:[KM]i)?B/s elapsed \d+:\d\d ETA \d+:\d\d)"
+                 R"( downloading \[p\]ause \[s\]top)")))
+      << running;
   ASSERT_EQ(0, system("tmux send-keys -t ui p"));
   // No speed and no time left while paused.
   const std::string paused = bar("  paused  [c]ontinue [s]top");
+  EXPECT_NE(std::string::npos, paused.find("  elapsed 0:")) << paused;
   EXPECT_EQ(std::string::npos, paused.find("B/s")) << paused;
   EXPECT_EQ(std::string::npos, paused.find("ETA")) << paused;
   ASSERT_EQ(0, system("tmux send-keys -t ui s"));

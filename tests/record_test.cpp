@@ -3,15 +3,23 @@
  * SPDX-License-Identifier: Apache-2.0
  */
 
-// The arithmetic of the front end's record: the smoothed download speed and the report's axes.
+// The arithmetic of the front end's record: the smoothed download speed, the report's axes and
+// the text that the report and the JSON stream accept.
 
 #include <gtest/gtest.h>
 #include <math.h>
 
+#include <chrono>
+#include <thread>
+#include <vector>
+
+#include "json_events.h"
 #include "record.h"
 #include "svg_report.h"
 
 namespace {
+
+using namespace std::chrono_literals;
 
 constexpr double kMB = 1e6;
 
@@ -58,6 +66,55 @@ TEST(RecordTest, SpeedIsAnAverageOverSecondsThatStartsAgainAfterAPauseOrARetry) 
   EXPECT_NEAR(1 * kMB, *meter.speed(), 1);
 }
 
+TEST(RecordTest, DownloadSpeedStartsAgainAfterAPauseOrARetry) {
+  const std::vector<std::vector<EventKind>> restarts = {
+      {EventKind::kRetry}, {EventKind::kPaused, EventKind::kContinued}};
+  for (const std::vector<EventKind>& restart : restarts) {
+    SCOPED_TRACE(EventName(restart.front()));
+    SessionRecord record;
+    record.StartDownload(0, 0);
+    std::this_thread::sleep_for(100ms);
+    record.ObserveDownload(1000 * kMB);
+    for (EventKind kind : restart) record.Add(kind, "");
+    record.ObserveDownload(1000 * kMB);
+    std::this_thread::sleep_for(100ms);
+    record.ObserveDownload(1000 * kMB + 1000);
+    // 1000 bytes in at least 0.1 s; the average from before the restart is gigabytes a second.
+    ASSERT_TRUE(record.download().speed);
+    EXPECT_LE(*record.download().speed, 10000);
+    EXPECT_FALSE(record.download().eta()) << "the ROM's size is unknown";
+  }
+}
+
+// One download that fails, then one that is paused and stopped while paused.
+TEST(RecordTest, PauseLastsUntilTheStopAndEachDownloadHasItsOwnSpeedLine) {
+  SessionRecord record;
+  record.StartDownload(10 * kMB, 0);
+  std::this_thread::sleep_for(100ms);
+  record.ObserveDownload(1 * kMB);
+  record.EndDownload("failed");
+  record.StartDownload(10 * kMB, 1 * kMB);
+  std::this_thread::sleep_for(100ms);
+  record.ObserveDownload(2 * kMB);
+  record.Add(EventKind::kPaused, "");
+  std::this_thread::sleep_for(100ms);
+  record.Add(EventKind::kCommand, "", {{"command", std::string("s")}});
+  std::this_thread::sleep_for(100ms);
+  record.Add(EventKind::kStopped, "");
+  record.EndDownload("stopped");
+
+  const Event& summary = record.events().back();
+  ASSERT_EQ(EventKind::kDownload, summary.kind);
+  EXPECT_GE(std::get<double>(*summary.Find("paused")), 0.2);
+  int lines = 0;
+  std::optional<double> before;
+  for (const SpeedSample& sample : record.samples()) {
+    if (sample.speed && !before) ++lines;
+    before = sample.speed;
+  }
+  EXPECT_EQ(2, lines);
+}
+
 TEST(RecordTest, AxesHaveNiceStepsThatHoldTheirMaximum) {
   struct Case {
     double max;
@@ -81,6 +138,43 @@ TEST(RecordTest, AxesHaveNiceStepsThatHoldTheirMaximum) {
   EXPECT_EQ("0.05", TickLabel(0.05, 0.05));
   EXPECT_EQ("12", TickLabel(12, 2));
   EXPECT_EQ("1500", TickLabel(1500, 500));
+}
+
+// Returns |text| with each "~" made U+FFFD, the replacement character.
+std::string Replaced(std::string text) {
+  for (size_t at; (at = text.find('~')) != std::string::npos;) text.replace(at, 1, "\xef\xbf\xbd");
+  return text;
+}
+
+TEST(RecordTest, TextIsWellFormedUtf8ThatXmlAccepts) {
+  struct Case {
+    std::string in;
+    const char* out;  // "~" stands for U+FFFD
+  } cases[] = {
+      {"caf\xc3\xa9 \xe2\x82\xac \xf0\x9f\x93\xa6 <&>",
+       "caf\xc3\xa9 \xe2\x82\xac \xf0\x9f\x93\xa6 <&>"},
+      // The edges of the ranges: U+0080, U+D7FF, U+E000, U+FFFD, U+10000, U+10FFFF.
+      {"\xc2\x80\xed\x9f\xbf\xee\x80\x80\xef\xbf\xbd\xf0\x90\x80\x80\xf4\x8f\xbf\xbf",
+       "\xc2\x80\xed\x9f\xbf\xee\x80\x80~\xf0\x90\x80\x80\xf4\x8f\xbf\xbf"},
+      // Overlong forms, surrogates, beyond U+10FFFF, bytes that begin nothing: each byte that
+      // cannot go on is one replacement, and a sequence cut short is one up to where it broke.
+      {"\xc0\xaf|\xc1\xbf|\xe0\x80\xaf|\xf0\x8f\xbf\xbf|\xed\xa0\x80|\xf4\x90\x80\x80|"
+       "\xf5\xf7\xff\x80",
+       "~~|~~|~~~|~~~~|~~~|~~~~|~~~~"},
+      {"\xe2\x82x\xf0\x9f\x93", "~x~"},
+      // What XML forbids goes: control characters but tab and line ends, U+FFFE, U+FFFF.
+      {std::string("a\0b\x01\x1f\tc\nd\re\x7f", 13) + "\xef\xbf\xbe\xef\xbf\xbf",
+       "ab\tc\nd\re\x7f"},
+  };
+  for (const Case& c : cases) {
+    SCOPED_TRACE(c.in);
+    EXPECT_EQ(Replaced(c.out), CleanText(c.in));
+  }
+  EXPECT_EQ(Replaced("&lt;a href=&apos;x&apos;&gt;&amp;&quot; ~ "),
+            XmlText("<a href='x'>&\"\t\xff\n"));
+  const Event event = {0.5, "stage2", EventKind::kNote, "\xff", {{"url", std::string("\xc0/")}}};
+  EXPECT_EQ(Replaced(R"({"t":0.5,"stage":"stage2","event":"note","text":"~","url":"~/"})"),
+            EventJson(event));
 }
 
 }  // namespace

@@ -36,50 +36,54 @@ const char* KeyHints(const std::string& state) {
   return "";
 }
 
-// Returns the progress line for a terminal of |columns| columns. When the whole line does not
-// fit, the least important parts go first, in this order: the retry and redirect counts, the
-// total size, the elapsed time, the bar (which shrinks to kMinBarWidth before), the time left,
-// the speed and the size; the percent, the state and the keys stay, and are cut only on a
-// terminal too narrow for them alone.
+// How far the progress line is shortened to fit: each level shortens the line of the one before
+// by one step. The percent, the state and the keys stay at every level.
+enum Level {
+  kEverything,
+  kNoCounts,   // the retry and redirect counts go (each is also an event line above)
+  kNoTotal,    // the total size goes, the size stays
+  kNoBar,      // the bar goes, once it is as short as it can be
+  kOneSpace,   // the parts stand one space apart instead of two
+  kNoEta,      // the time left goes
+  kNoElapsed,  // the elapsed time goes
+  kNoSpeed,    // the speed goes
+  kNoSize,     // the size goes
+  kLevels,
+};
+
+// Returns the progress line for a terminal of |columns| columns: the first level of Level that
+// fits, with the bar as long as the room allows from kMinBarWidth to kBarWidth. At 80 columns a
+// download shows its percent, size, speed, elapsed time, time left, state and keys (kOneSpace);
+// on a terminal too narrow for the percent, the state and the keys, the line is cut.
 std::string ProgressLine(const DownloadState& d, size_t columns) {
   std::string counts;
   if (d.retries) counts += StringPrintf("retries %d", d.retries);
   if (d.redirects)
     counts += std::string(counts.empty() ? "" : ", ") + "redirects " + std::to_string(d.redirects);
   const std::optional<double> eta = d.eta();
-  struct Part {
-    std::string text;
-    int drop;             // the level from which the part is left out; 0: never
-    std::string shorter;  // what stands in its place from that level on
-  };
   const std::string bytes = HumanBytes(d.bytes);
-  const std::vector<Part> parts = {
-      {StringPrintf("%3d%%", d.percent), 0, ""},
-      {bytes + " / " + HumanBytes(d.total), 2, bytes},
-      {d.speed ? HumanBytes(static_cast<uint64_t>(*d.speed)) + "/s" : "", 6, ""},
-      {"elapsed " + Duration(d.elapsed), 3, ""},
-      {eta ? "ETA " + Duration(*eta) : "", 5, ""},
-      {d.state, 0, ""},
-      {counts, 1, ""},
-      {KeyHints(d.state), 0, ""},
-  };
-  constexpr int kBarDrop = 4;
-  constexpr int kLevels = 8;
   const size_t room = columns > 1 ? columns - 1 : 0;  // the last column would wrap the line
   std::string line;
-  for (int level = 0; level < kLevels; ++level) {
-    std::string rest;
-    for (const Part& part : parts) {
-      const std::string& text = part.drop == 0 || level < part.drop ? part.text : part.shorter;
-      if (!text.empty()) rest += "  " + text;
-    }
-    if (level >= kBarDrop) {
-      line = rest;
+  for (int level = kEverything; level < kLevels; ++level) {
+    std::vector<std::string> parts = {StringPrintf("%3d%%", d.percent)};
+    // Adds |text| to the line unless it is empty or the level leaves it out.
+    auto add = [&](const std::string& text, int gone_from) {
+      if (!text.empty() && level < gone_from) parts.push_back(text);
+    };
+    add(d.total && level < kNoTotal ? bytes + " / " + HumanBytes(d.total) : bytes, kNoSize);
+    add(d.speed ? HumanBytes(static_cast<uint64_t>(*d.speed)) + "/s" : "", kNoSpeed);
+    add("elapsed " + Duration(d.elapsed), kNoElapsed);
+    add(eta ? "ETA " + Duration(*eta) : "", kNoEta);
+    add(d.state, kLevels);
+    add(counts, kNoCounts);
+    add(KeyHints(d.state), kLevels);
+    const std::string rest = android::base::Join(parts, level < kOneSpace ? "  " : " ");
+    if (level >= kNoBar) {
+      line = "  " + rest;
       if (line.size() <= room) break;
       continue;
     }
-    // "  [" + bar + "] " + the percent and the rest
-    rest.erase(0, 2);
+    // "  [" + bar + "] " + rest
     const size_t fixed = 5 + rest.size();
     if (fixed + kMinBarWidth > room) continue;
     const size_t width = std::min(kBarWidth, room - fixed);

@@ -22,6 +22,11 @@ double Microseconds(double seconds) {
   return round(seconds * 1e6) / 1e6;
 }
 
+// Returns |text| as a new JSON string: cJSON writes the bytes it is given, and JSON is UTF-8.
+cJSON* JsonString(const std::string& text) {
+  return cJSON_CreateString(CleanText(text).c_str());
+}
+
 // Returns |value| as a new JSON item.
 cJSON* JsonValue(const FieldValue& value) {
   if (std::holds_alternative<bool>(value)) return cJSON_CreateBool(std::get<bool>(value));
@@ -32,12 +37,12 @@ cJSON* JsonValue(const FieldValue& value) {
     return cJSON_CreateNumber(Microseconds(std::get<double>(value)));
   }
   if (std::holds_alternative<std::string>(value)) {
-    return cJSON_CreateString(std::get<std::string>(value).c_str());
+    return JsonString(std::get<std::string>(value));
   }
   if (std::holds_alternative<std::vector<std::string>>(value)) {
     cJSON* array = cJSON_CreateArray();
     for (const std::string& item : std::get<std::vector<std::string>>(value)) {
-      cJSON_AddItemToArray(array, cJSON_CreateString(item.c_str()));
+      cJSON_AddItemToArray(array, JsonString(item));
     }
     return array;
   }
@@ -49,9 +54,9 @@ cJSON* JsonValue(const FieldValue& value) {
 std::string EventJson(const Event& event) {
   std::unique_ptr<cJSON, JsonDeleter> object(cJSON_CreateObject());
   cJSON_AddNumberToObject(object.get(), "t", Microseconds(event.t));
-  cJSON_AddStringToObject(object.get(), "stage", event.stage.c_str());
+  cJSON_AddItemToObject(object.get(), "stage", JsonString(event.stage));
   cJSON_AddStringToObject(object.get(), "event", EventName(event.kind));
-  if (!event.text.empty()) cJSON_AddStringToObject(object.get(), "text", event.text.c_str());
+  if (!event.text.empty()) cJSON_AddItemToObject(object.get(), "text", JsonString(event.text));
   for (const Field& field : event.fields) {
     cJSON_AddItemToObject(object.get(), field.key.c_str(), JsonValue(field.value));
   }

@@ -8,10 +8,13 @@
 
 #include <android-base/file.h>
 #include <android-base/parseint.h>
+#include <android-base/unique_fd.h>
 #include <errno.h>
+#include <fcntl.h>
 #include <stdio.h>
 #include <stdlib.h>
 #include <string.h>
+#include <sys/stat.h>
 #include <unistd.h>
 
 #include <memory>
@@ -51,7 +54,8 @@ Environment:
 Exit status:
   0   the update is installed, or no ROM is offered
   1   a stage failed
-  2   the package does not match the ROM's md5, also after --redownload
+  2   the package does not match the ROM's md5 after the last download that
+      --redownload allows, or cannot be removed to be downloaded again
   3   the installer could not run
   4   the download was stopped
   64  bad usage
@@ -68,6 +72,52 @@ std::string DefaultBundlerun() {
 bool AutoColor() {
   const char* no_color = getenv("NO_COLOR");
   return isatty(STDOUT_FILENO) && (no_color == nullptr || no_color[0] == '\0');
+}
+
+// Returns a new file beside |path| (its name in |temp|), where the report is written before it
+// is renamed to |path|; -1 with errno set when none can be made there.
+android::base::unique_fd MakeBeside(const std::string& path, std::string* temp) {
+  struct stat st;
+  if (stat(path.c_str(), &st) == 0 && S_ISDIR(st.st_mode)) {
+    errno = EISDIR;
+    return android::base::unique_fd();
+  }
+  *temp = path + ".XXXXXX";
+  return android::base::unique_fd(mkostemp(temp->data(), O_CLOEXEC));
+}
+
+// Returns whether the report can be written to |path| when the run ends, and says why not: the
+// check before anything runs, so that a report that cannot be written is a usage error.
+bool CanWriteReport(const std::string& path) {
+  std::string temp;
+  if (!MakeBeside(path, &temp).ok()) {
+    fprintf(stderr, "bundlerun-ui: cannot write %s: %s\n", path.c_str(), strerror(errno));
+    return false;
+  }
+  unlink(temp.c_str());
+  return true;
+}
+
+// Writes |svg| to |path| through a file beside it that is renamed at the end, so that |path|
+// never holds a part of a picture, even when the run is killed; returns whether it did, and says
+// why not.
+bool WriteReport(const std::string& path, const std::string& svg) {
+  std::string temp;
+  android::base::unique_fd fd = MakeBeside(path, &temp);
+  if (!fd.ok()) {
+    fprintf(stderr, "bundlerun-ui: cannot write %s: %s\n", path.c_str(), strerror(errno));
+    return false;
+  }
+  // The permissions a file made with fopen would have: mkostemp gives the owner's alone.
+  const mode_t mask = umask(0);
+  umask(mask);
+  if (fchmod(fd.get(), 0666 & ~mask) == 0 && android::base::WriteStringToFd(svg, fd.get()) &&
+      close(fd.release()) == 0 && rename(temp.c_str(), path.c_str()) == 0) {
+    return true;
+  }
+  fprintf(stderr, "bundlerun-ui: cannot write %s: %s\n", path.c_str(), strerror(errno));
+  unlink(temp.c_str());
+  return false;
 }
 
 }  // namespace
@@ -156,8 +206,7 @@ int main(int argc, char** argv) {
   };
   File log = open(options.log_path, "a");
   if (!log) return kUiUsage;
-  File report(nullptr, fclose);
-  if (!options.report_path.empty() && !(report = open(options.report_path, "w"))) return kUiUsage;
+  if (!options.report_path.empty() && !CanWriteReport(options.report_path)) return kUiUsage;
 
   // One record of the session; the log, the display or the JSON stream, and the report read it.
   SessionRecord record;
@@ -174,15 +223,9 @@ int main(int argc, char** argv) {
   UpdateSession session(options, record);
   const int result = session.Run();
   if (display) display->ShowLine("bundlerun's log: " + options.log_path);
-  if (report) {
-    const std::string svg = SvgReport(record);
-    if (fwrite(svg.data(), 1, svg.size(), report.get()) != svg.size() ||
-        fclose(report.release()) != 0) {
-      fprintf(stderr, "bundlerun-ui: cannot write %s: %s\n", options.report_path.c_str(),
-              strerror(errno));
-    } else if (display) {
-      display->ShowLine("report: " + options.report_path);
-    }
+  if (!options.report_path.empty() && WriteReport(options.report_path, SvgReport(record)) &&
+      display) {
+    display->ShowLine("report: " + options.report_path);
   }
   return result;
 }

@@ -76,16 +76,16 @@ std::optional<double> SpeedMeter::speed() const {
 }
 
 std::optional<double> DownloadState::eta() const {
-  if (state == "complete" || (total > 0 && bytes >= total)) return 0.0;
-  if (state != "downloading" || !speed || *speed <= 0) return std::nullopt;
-  return static_cast<double>(total - bytes) / *speed;
+  if (state == "complete") return 0.0;
+  if (total == 0 || state != "downloading" || !speed || *speed <= 0) return std::nullopt;
+  return bytes >= total ? 0.0 : static_cast<double>(total - bytes) / *speed;
 }
 
 std::optional<double> DownloadState::average() const {
   double running = elapsed - paused_seconds;
-  if (state == "paused") running -= began + elapsed - paused_since;
+  if (paused_since) running -= began + elapsed - *paused_since;
   if (running <= 0 || bytes < held) return std::nullopt;
-  return static_cast<double>(bytes - held) / running;
+  return static_cast<double>(received()) / running;
 }
 
 void SessionRecord::Begin(const std::string& stage, const std::string& title) {
@@ -109,6 +109,7 @@ void SessionRecord::Apply(const Event& event) {
   DownloadState& d = download_;
   const FieldValue* command = event.Find("command");
   const FieldValue* name = event.Find("name");
+  const FieldValue* ok = event.Find("ok");
   bool restart = false;
   switch (event.kind) {
     case EventKind::kCommand:
@@ -122,7 +123,8 @@ void SessionRecord::Apply(const Event& event) {
       break;
     case EventKind::kContinued:
     case EventKind::kStopped:
-      if (d.state == "paused") d.paused_seconds += event.t - d.paused_since;
+      // A stop sent while paused leaves the transfer paused until bundlerun has stopped it.
+      EndPause(event.t);
       d.state = event.kind == EventKind::kStopped ? "stopped" : "downloading";
       restart = true;
       break;
@@ -135,7 +137,8 @@ void SessionRecord::Apply(const Event& event) {
       restart = true;
       break;
     case EventKind::kTask:
-      if (name && std::get<std::string>(*name) == "download") {
+      // A download that failed is ended by EndDownload, with its outcome.
+      if (name && std::get<std::string>(*name) == "download" && ok && std::get<bool>(*ok)) {
         d.state = "complete";
         d.percent = 100;
       }
@@ -152,6 +155,12 @@ void SessionRecord::Apply(const Event& event) {
     stretch_start_.reset();
     samples_.push_back({event.t, std::nullopt});
   }
+}
+
+void SessionRecord::EndPause(double t) {
+  DownloadState& d = download_;
+  if (d.paused_since) d.paused_seconds += t - *d.paused_since;
+  d.paused_since.reset();
 }
 
 void SessionRecord::AddSample(double t) {
@@ -178,7 +187,8 @@ void SessionRecord::ObserveDownload(uint64_t bytes) {
   const double t = Now();
   d.bytes = bytes;
   d.elapsed = t - d.began;
-  if (d.state == "downloading" || d.state == "stopping" || d.state == "complete") {
+  if (!d.paused_since &&
+      (d.state == "downloading" || d.state == "stopping" || d.state == "complete")) {
     if (!stretch_start_) stretch_start_ = t;
     if (meter_.Observe(t, bytes)) AddSample(t);
     d.speed = meter_.speed();
@@ -205,13 +215,18 @@ void SessionRecord::AddProgress() {
 
 void SessionRecord::EndDownload(const std::string& outcome) {
   DownloadState& d = download_;
-  AddSample(Now());
-  if (d.state == "paused") d.paused_seconds += Now() - d.paused_since;
+  const double t = Now();
+  d.elapsed = t - d.began;
+  AddSample(t);
+  // The next download's speed is a line of its own.
+  if (!samples_.empty() && samples_.back().speed) samples_.push_back({t, std::nullopt});
+  stretch_start_.reset();
+  EndPause(t);
   if (d.state != "complete" && d.state != "stopped") d.state = outcome;
   AddProgress();
   d.active = false;
   const std::optional<double> average = d.average();
-  const uint64_t received = d.bytes >= d.held ? d.bytes - d.held : 0;
+  const uint64_t received = d.received();
   std::string text =
       StringPrintf("%s %s in %.1f s", outcome == "complete" ? "downloaded" : "received",
                    HumanBytes(received).c_str(), d.elapsed);
@@ -245,4 +260,48 @@ std::string HumanBytes(uint64_t bytes) {
   }
   return unit == 0 ? StringPrintf("%llu B", static_cast<unsigned long long>(bytes))
                    : StringPrintf("%.1f %s", value, kUnits[unit]);
+}
+
+std::string CleanText(const std::string& text) {
+  static constexpr char kReplacement[] = "\xef\xbf\xbd";  // U+FFFD
+  std::string out;
+  out.reserve(text.size());
+  for (size_t i = 0; i < text.size();) {
+    const auto byte = [&](size_t k) { return static_cast<unsigned char>(text[i + k]); };
+    const unsigned char lead = byte(0);
+    if (lead < 0x80) {
+      if (lead >= 0x20 || lead == '\t' || lead == '\n' || lead == '\r') out += text[i];
+      ++i;
+      continue;
+    }
+    // The length of the sequence that |lead| begins (0: none), and the range of its second
+    // byte, which leaves out overlong forms, surrogates and code points above U+10FFFF.
+    size_t length = 0;
+    unsigned char low = 0x80;
+    unsigned char high = 0xbf;
+    if (lead >= 0xc2 && lead <= 0xdf) {
+      length = 2;
+    } else if (lead >= 0xe0 && lead <= 0xef) {
+      length = 3;
+      if (lead == 0xe0) low = 0xa0;
+      if (lead == 0xed) high = 0x9f;
+    } else if (lead >= 0xf0 && lead <= 0xf4) {
+      length = 4;
+      if (lead == 0xf0) low = 0x90;
+      if (lead == 0xf4) high = 0x8f;
+    }
+    size_t n = 1;
+    for (; n < length && i + n < text.size(); ++n) {
+      if (byte(n) < (n == 1 ? low : 0x80) || byte(n) > (n == 1 ? high : 0xbf)) break;
+    }
+    if (n < length || length == 0) {
+      out += kReplacement;
+      i += n;
+      continue;
+    }
+    const bool not_a_character = lead == 0xef && byte(1) == 0xbf && byte(2) >= 0xbe;
+    if (!not_a_character) out.append(text, i, length);
+    i += length;
+  }
+  return out;
 }

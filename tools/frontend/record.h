@@ -102,11 +102,14 @@ struct DownloadState {
   int retries = 0;
   int redirects = 0;
   int pauses = 0;
-  double paused_seconds = 0;  // time spent paused, acknowledged pause to continue
-  double paused_since = 0;
-  std::string state = "downloading";  // or "paused", "stopping", "stopped", "complete"
-  // Returns the seconds left at the current speed, or nothing when unknown or paused.
+  double paused_seconds = 0;           // time spent paused, acknowledged pause to continue or end
+  std::optional<double> paused_since;  // when the pause under way began; none without one
+  std::string state = "downloading";   // or "paused", "stopping", "stopped", "complete", "failed"
+  // Returns the seconds left at the current speed, or nothing when unknown (no speed, or no
+  // size of the ROM) or paused.
   std::optional<double> eta() const;
+  // Returns the bytes received in this download: what the package file grew by.
+  uint64_t received() const { return bytes >= held ? bytes - held : 0; }
   // Returns the average speed over the time not paused, or nothing before any time passed.
   std::optional<double> average() const;
 };
@@ -161,6 +164,8 @@ class SessionRecord {
  private:
   // Brings the download's state up to |event|.
   void Apply(const Event& event);
+  // Adds the pause under way, if any, to the time paused: it ended at |t|.
+  void EndPause(double t);
   // Records a progress event of the download as it stands.
   void AddProgress();
   // Adds a point at |t| to the speed line of the current stretch (between restarts and pauses).
@@ -182,3 +187,9 @@ std::string Duration(double seconds);
 
 // Returns |bytes| in human units, such as "256.0 MiB".
 std::string HumanBytes(uint64_t bytes);
+
+// Returns |text| as text that XML 1.0 and JSON both accept, for the report and the JSON stream:
+// well-formed UTF-8, each ill-formed sequence (its longest start that could begin a character)
+// replaced by U+FFFD, and the characters XML forbids left out: control characters other than
+// tab, line feed and carriage return, U+FFFE and U+FFFF.
+std::string CleanText(const std::string& text);

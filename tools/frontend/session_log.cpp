@@ -24,6 +24,20 @@ std::string Text(const Event& event, const char* key) {
   return value && std::holds_alternative<std::string>(*value) ? std::get<std::string>(*value) : "";
 }
 
+// Returns the log's words for an event that the display shows without any: a command sent to
+// bundlerun ("sent "p" (key)"), or the status line that acknowledged one or completed the
+// download ("paused (3:r:p)"); "" for anything else.
+std::string Unworded(const Event& event) {
+  if (event.kind == EventKind::kCommand) {
+    return "sent \"" + Text(event, "command") + "\" (" + Text(event, "by") + ")";
+  }
+  const std::string status = Text(event, "status");
+  if (status.empty()) return "";
+  const std::string what =
+      event.kind == EventKind::kTask ? Text(event, "name") + " completed" : EventName(event.kind);
+  return what + " (" + status + ")";
+}
+
 }  // namespace
 
 void SessionLog::OnEvent(const Event& event) {
@@ -49,7 +63,8 @@ void SessionLog::OnEvent(const Event& event) {
     default:
       break;
   }
-  for (const std::string& line : android::base::Split(event.text, "\n")) {
+  const std::string text = event.text.empty() ? Unworded(event) : event.text;
+  for (const std::string& line : android::base::Split(text, "\n")) {
     if (!line.empty()) Line(event.t, "ui " + event.stage + ": " + line);
   }
 }

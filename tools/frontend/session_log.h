@@ -3,9 +3,10 @@
  * SPDX-License-Identifier: Apache-2.0
  */
 
-// The front end's log: bundlerun's lines and the front end's own events, every line stamped with
-// the seconds since the run began ("[%12.6f] ", as the boot environment's recovery log stamps
-// its lines), each run starting with one header line that says when, with what and how.
+// The front end's log: bundlerun's lines and the front end's own events, with the commands it
+// sent and their acknowledgements (which the display shows only on the bar). Every line is
+// stamped with the seconds since the run began ("[%12.6f] ", as the boot environment's recovery
+// log stamps its lines); each run starts with one header line that says when, with what and how.
 
 #pragma once
 

@@ -434,24 +434,7 @@ std::string TickLabel(double value, double step) {
 
 std::string XmlText(const std::string& text) {
   std::string out;
-  for (size_t i = 0; i < text.size();) {
-    const unsigned char c = static_cast<unsigned char>(text[i]);
-    // The length of a well-formed UTF-8 sequence starting here; 0 for anything else.
-    size_t length = c < 0x80           ? 1
-                    : (c >> 5) == 0x6  ? 2
-                    : (c >> 4) == 0xe  ? 3
-                    : (c >> 3) == 0x1e ? 4
-                                       : 0;
-    for (size_t k = 1; k < length; ++k) {
-      if (i + k >= text.size() || (static_cast<unsigned char>(text[i + k]) & 0xc0) != 0x80) {
-        length = 0;
-      }
-    }
-    if (length == 0) {
-      out += "\xef\xbf\xbd";  // U+FFFD, the replacement character
-      ++i;
-      continue;
-    }
+  for (const char c : CleanText(text)) {
     switch (c) {
       case '&':
         out += "&amp;";
@@ -468,14 +451,15 @@ std::string XmlText(const std::string& text) {
       case '\'':
         out += "&apos;";
         break;
+      case '\t':
+      case '\n':
+      case '\r':
+      case '\x7f':
+        out += ' ';
+        break;
       default:
-        if (c < 0x20 || c == 0x7f) {
-          out += ' ';
-        } else {
-          out.append(text, i, length);
-        }
+        out += c;
     }
-    i += length;
   }
   return out;
 }

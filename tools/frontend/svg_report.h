@@ -27,8 +27,8 @@ AxisScale NiceAxis(double max, int max_intervals);
 // Returns |value| as a tick label, with as many decimals as |step| needs ("0.5", "12").
 std::string TickLabel(double value, double step);
 
-// Returns |text| fit to stand in XML character data or an attribute: markup characters escaped,
-// control characters and bytes that are not UTF-8 replaced.
+// Returns |text| fit to stand in XML character data or an attribute: cleaned (CleanText), markup
+// characters escaped, tabs, line ends and delete as spaces.
 std::string XmlText(const std::string& text);
 
 // Returns the picture of |record| as an SVG document.

@@ -9,6 +9,7 @@
 #include <android-base/properties.h>
 #include <android-base/strings.h>
 #include <curl/curl.h>
+#include <errno.h>
 #include <signal.h>
 #include <string.h>
 #include <sys/stat.h>
@@ -32,6 +33,8 @@ constexpr char kUiPrintPrefix[] = "E:ui_print: ";
 constexpr char kCantRunPrefix[] = "E:Can't run ";
 constexpr char kByeBye[] = "I:Bye bye, RUN_UPDATER";
 constexpr char kRedirectPrefix[] = "D:>> Redirected URL=";
+// bundlerun's log line just before the failure line of a transfer that it tries again.
+constexpr char kRetryPrefix[] = "E:Unexception(";
 
 std::atomic<bool> g_interrupted{false};
 
@@ -45,6 +48,21 @@ std::string Meaning(const std::string& payload) {
   int code = 0;
   if (!android::base::ParseInt(payload, &code)) return payload;
   return "libcurl " + payload + ", " + curl_easy_strerror(static_cast<CURLcode>(code));
+}
+
+// Returns whether a failure line of the download ends it. bundlerun tries again after every
+// failure but two: "3:f:3" (it had no package address and asked nothing) and "3:f:52" (a
+// transfer completed with nothing received). A transfer that libcurl itself ends with 3 or 52 is
+// tried again like any other; bundlerun announces every retry on its log just before the
+// failure line, which |announced| says.
+bool EndsDownload(const std::string& payload, bool announced) {
+  return !announced && (payload == "3" || payload == "52");
+}
+
+// Returns what a failure line that ends the download means.
+std::string DownloadEnd(const std::string& payload) {
+  return payload == "3" ? "bundlerun had no package address"
+                        : "the transfer completed with nothing received";
 }
 
 // Returns the name of a task of stage one.
@@ -169,7 +187,7 @@ void UpdateSession::RecordResult(int status) {
               {{"status", int64_t{status}},
                {"outcome", Outcome(status)},
                {"elapsed", record_.Now()},
-               {"bytes", static_cast<int64_t>(d.bytes >= d.held ? d.bytes - d.held : 0)},
+               {"bytes", static_cast<int64_t>(earlier_bytes_ + d.received())},
                {"retries", int64_t{earlier_retries_ + d.retries}},
                {"redirects", int64_t{earlier_redirects_ + d.redirects}},
                {"pauses", int64_t{earlier_pauses_ + d.pauses}},
@@ -181,12 +199,19 @@ int UpdateSession::Download(const RomDescription& rom, const PackageAddress& add
   // A mirror that answers a resumed request with the whole file leaves, after any broken
   // connection, a package longer than the ROM; only a download from nothing can mend it.
   while (result == kUiPackageMismatch && redownloads_ < options_.redownload) {
+    // A package left in place would have the next download appended to it.
+    if (unlink(package_path_.c_str()) != 0 && errno != ENOENT) {
+      const std::string reason = strerror(errno);
+      record_.Add(EventKind::kNote, "cannot remove the package " + package_path_ + ": " + reason +
+                                        "; not downloading it again");
+      return kUiPackageMismatch;
+    }
     ++redownloads_;
     const DownloadState& d = record_.download();
+    earlier_bytes_ += d.received();
     earlier_retries_ += d.retries;
     earlier_redirects_ += d.redirects;
     earlier_pauses_ += d.pauses;
-    unlink(package_path_.c_str());
     record_.Add(EventKind::kRedownload,
                 "removed the package; downloading it again (" + std::to_string(redownloads_) +
                     " of " + std::to_string(options_.redownload) + ")",
@@ -209,6 +234,7 @@ void UpdateSession::CannotStart() {
 
 void UpdateSession::OnLogLine(const std::string& line) {
   record_.LogLine(line);
+  if (downloading_ && android::base::StartsWith(line, kRetryPrefix)) ++announced_retries_;
   if (downloading_ && android::base::StartsWith(line, kRedirectPrefix)) {
     const std::string url = line.substr(strlen(kRedirectPrefix));
     record_.Add(EventKind::kRedirect, "transfer redirected to " + url, {{"url", url}});
@@ -348,6 +374,8 @@ int UpdateSession::StageTwo(const RomDescription& rom, const PackageAddress& add
   bool stop_sent = false;
   std::string completed;
   bool stopped = false;
+  bool failed = false;
+  announced_retries_ = 0;
   record_.StartDownload(rom.size.value_or(0), FileSize(package_path_));
   downloading_ = true;
 
@@ -369,7 +397,20 @@ int UpdateSession::StageTwo(const RomDescription& rom, const PackageAddress& add
           stopped = true;
           record_.Add(EventKind::kStopped, "", {status});
         }
+      } else if (r.letter == 'f' && failed) {
+        // After the download's end, each redirect it followed reports that end once more.
+      } else if (r.letter == 'f' && EndsDownload(r.payload, announced_retries_ > 0)) {
+        failed = true;
+        record_.Add(EventKind::kTask,
+                    "download failed: " + DownloadEnd(r.payload) + " (" + r.text() + ")",
+                    {{"task", int64_t{r.index}},
+                     {"name", "download"},
+                     status,
+                     {"ok", false},
+                     {"code", r.payload},
+                     {"meaning", DownloadEnd(r.payload)}});
       } else if (r.letter == 'f') {
+        if (announced_retries_ > 0) --announced_retries_;
         const int retry = record_.download().retries + 1;
         record_.Add(EventKind::kRetry,
                     "transfer failed (" + Meaning(r.payload) + "), retry " + std::to_string(retry),

@@ -22,7 +22,7 @@
 enum UiExit {
   kUiDone = 0,             // installed, or no ROM offered
   kUiStageFailed = 1,      // a stage ended without its result
-  kUiPackageMismatch = 2,  // the package's digest is not the ROM's
+  kUiPackageMismatch = 2,  // the package's digest is not the ROM's, after every download allowed
   kUiInstallFailed = 3,    // the installer could not run
   kUiStopped = 4,          // the download was stopped on request
   kUiUsage = kExitUsage,   // the command line cannot be used
@@ -91,7 +91,9 @@ class UpdateSession {
   bool installer_done_ = false;
   bool installing_ = false;
   bool downloading_ = false;
-  // The counts of the downloads before the last, for the run's totals.
+  int announced_retries_ = 0;  // retries bundlerun announced on its log, not yet on the channel
+  // The totals of the downloads before the last, for the run's totals.
+  uint64_t earlier_bytes_ = 0;
   int earlier_retries_ = 0;
   int earlier_redirects_ = 0;
   int earlier_pauses_ = 0;
