@@ -223,7 +223,9 @@ int ParseOptions(int argc, char** argv, ServerOptions* options) {
            Offset(&options->stall_at)},
           {"reset-at", "OFFSET",
            "end the transfer that reaches byte OFFSET of its file with a TCP\n"
-           "reset, dropping what is still unsent (once)",
+           "reset and no FIN before it, once the device has acknowledged the\n"
+           "bytes before OFFSET (or after 2 s); its next read fails with\n"
+           "\"connection reset\" (once)",
            Offset(&options->reset_at)},
           {"unavailable", "K",
            "answer the first K package requests with 503 Service Unavailable\n"
