@@ -210,7 +210,8 @@ void Mirror::Serve(const httplib::Request& request, httplib::Response& response)
     return;
   }
 
-  if (request.method == "GET" && Unavailable()) {
+  // A mirror that is down answers the device's probe (HEAD) as it answers the download (GET).
+  if (Unavailable()) {
     response.status = 503;
     response.set_content("unavailable\n", "text/plain");
     return;

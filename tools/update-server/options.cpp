@@ -228,8 +228,8 @@ int ParseOptions(int argc, char** argv, ServerOptions* options) {
            "\"connection reset\" (once)",
            Offset(&options->reset_at)},
           {"unavailable", "K",
-           "answer the first K package requests with 503 Service Unavailable\n"
-           "and a short text body",
+           "answer the first K package requests, GET and HEAD alike, with 503\n"
+           "Service Unavailable and a short text body",
            Number(&options->unavailable)},
           {"remainder-of", "PATH",
            "start every package body at the size of PATH, the device's package\n"
