@@ -61,7 +61,12 @@ TEST_F(DeskToolsTest, OptionsAreParsedLikeOtherDebianTools) {
       {ui + " --color=sometimes", 64, "", "'sometimes' is not never, always or auto\n"},
       {ui + " --plain=yes", 64, "", "bundlerun-ui: option '--plain' takes no value\n"},
       {server + " --listen=127.0.0.1:99999", 64, "", "'127.0.0.1:99999' is not ADDR:PORT"},
-      {server + " --drop-times 0", 64, "", "'--drop-times': '0' is not a whole number from 1\n"},
+      {server + " --drop-times 0", 64, "",
+       "'--drop-times': '0' is not a whole number from 1 to 18446744073709551615\n"},
+      {server + " --offset 18446744073709551616 --help", 64, "",
+       "'18446744073709551616' is not a whole number from 0 to 18446744073709551615\n"},
+      {server + " --ready-fd ' +7' --help", 64, "",
+       "' +7' is not a descriptor number from 0 to 1023\n"},
       {server + " --d 1", 64, "", "option '--d' is ambiguous (--delay, --date, --drop-after"},
       // --help and --version are candidates of an abbreviation like the table's options.
       {ui + " --ver", 64, "", "bundlerun-ui: option '--ver' is ambiguous (--verbose, --version)\n"},

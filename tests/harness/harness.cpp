@@ -179,14 +179,41 @@ std::vector<Request> UpdateServer::requests() const {
   return requests;
 }
 
+namespace {
+
+constexpr char kNginxPrefix[] = "/tmp/harness/nginx";
+// How long nginx's master may take to end after it was told to stop.
+constexpr auto kNginxStopTimeout = 10s;
+
+// Returns true while process |pid| runs; a zombie has ended (it holds no socket any more).
+bool Running(pid_t pid) {
+  if (kill(pid, 0) != 0) return false;
+  const std::string stat = ReadFile("/proc/" + std::to_string(pid) + "/stat");
+  const size_t name_end = stat.rfind(") ");
+  return name_end == std::string::npos || stat.substr(name_end + 2, 1) != "Z";
+}
+
+}  // namespace
+
 NginxMirror::NginxMirror() {
   mkdir(kHarnessDir, 0755);
-  mkdir("/tmp/harness/nginx", 0755);
+  mkdir(kNginxPrefix, 0755);
   ok_ = system("PATH=\"$PATH:/usr/sbin\" nginx -q -p /tmp/harness/nginx -c " NGINX_MIRROR_CONF) == 0;
 }
 
 NginxMirror::~NginxMirror() {
-  if (ok_) system("PATH=\"$PATH:/usr/sbin\" nginx -q -p /tmp/harness/nginx -c " NGINX_MIRROR_CONF " -s stop");
+  if (!ok_) return;
+  // nginx's master ends after its worker, and with it the last socket on port 80.
+  const pid_t master = atoi(ReadFile(std::string(kNginxPrefix) + "/nginx.pid").c_str());
+  if (master <= 0 || kill(master, SIGTERM) != 0) {
+    fprintf(stderr, "nginx mirror: cannot stop the master named in %s/nginx.pid\n", kNginxPrefix);
+    return;
+  }
+  const auto give_up = std::chrono::steady_clock::now() + kNginxStopTimeout;
+  while (Running(master) && std::chrono::steady_clock::now() < give_up) usleep(10000);
+  if (Running(master)) {
+    fprintf(stderr, "nginx mirror: master %d still runs 10 s after SIGTERM\n", master);
+  }
 }
 
 void ShapeLink(const std::string& rate, int resets) {

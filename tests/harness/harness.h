@@ -111,7 +111,8 @@ class UpdateServer {
 };
 
 // A standard web server (nginx) as the package mirror: kMirrorDir on 127.0.0.2:80, with the
-// configuration the build wrote. Stopped when this goes away.
+// configuration the build wrote. Stopped when this goes away, which returns once nginx has ended
+// (port 80 is free again).
 class NginxMirror {
  public:
   NginxMirror();

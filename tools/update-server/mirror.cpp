@@ -8,8 +8,10 @@
 #include <arpa/inet.h>
 #include <dirent.h>
 #include <fcntl.h>
+#include <linux/sockios.h>
 #include <netinet/in.h>
 #include <stdlib.h>
+#include <sys/ioctl.h>
 #include <sys/socket.h>
 #include <sys/stat.h>
 #include <unistd.h>
@@ -25,6 +27,8 @@ namespace {
 
 constexpr size_t kMaxChunk = 64 * 1024;
 constexpr size_t kMinThrottledChunk = 1024;
+// How long a reset waits for the device to take in what was sent before it.
+constexpr auto kResetDrain = std::chrono::seconds(2);
 
 // One package body on its way to a device.
 struct Transfer {
@@ -51,7 +55,7 @@ struct Transfer {
           mirror->Stall();
           break;
         case Mirror::Break::kReset:
-          Mirror::ResetOnClose(remote_port, local_port);
+          Mirror::Reset(remote_port, local_port);
           break;
         default:
           mirror->OnDropped(file, start + break_at, how == Mirror::Break::kVanish);
@@ -141,7 +145,7 @@ void Mirror::Release() {
   stalls_.notify_all();
 }
 
-void Mirror::ResetOnClose(int remote_port, int local_port) {
+void Mirror::Reset(int remote_port, int local_port) {
   // The connection's descriptor is the socket whose two ends are these ports.
   DIR* fds = opendir("/proc/self/fd");
   if (fds == nullptr) return;
@@ -155,9 +159,18 @@ void Mirror::ResetOnClose(int remote_port, int local_port) {
         ntohs(self.sin_port) != local_port) {
       continue;
     }
-    // No lingering: closing the socket sends a reset and drops what was not sent.
-    const linger abort = {1, 0};
-    setsockopt(fd, SOL_SOCKET, SO_LINGER, &abort, sizeof(abort));
+    // What was sent reaches the device first, unless it does not read for a while.
+    const auto give_up = std::chrono::steady_clock::now() + kResetDrain;
+    int unacknowledged = 0;
+    while (ioctl(fd, SIOCOUTQ, &unacknowledged) == 0 && unacknowledged > 0 &&
+           std::chrono::steady_clock::now() < give_up) {
+      std::this_thread::sleep_for(std::chrono::milliseconds(1));
+    }
+    // Disconnecting a connected TCP socket sends a reset at once, and no FIN before it; the
+    // descriptor stays the server's to close.
+    sockaddr unspecified{};
+    unspecified.sa_family = AF_UNSPEC;
+    connect(fd, &unspecified, sizeof(unspecified));
   }
   closedir(fds);
 }
@@ -197,7 +210,8 @@ void Mirror::Serve(const httplib::Request& request, httplib::Response& response)
     return;
   }
 
-  if (request.method == "GET" && Unavailable()) {
+  // A mirror that is down answers the device's probe (HEAD) as it answers the download (GET).
+  if (Unavailable()) {
     response.status = 503;
     response.set_content("unavailable\n", "text/plain");
     return;

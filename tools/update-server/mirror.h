@@ -35,8 +35,9 @@ class Mirror {
   void OnDropped(const std::string& file, uint64_t position, bool vanish);
   // Holds a stalled transfer until the server stops.
   void Stall();
-  // Makes the connection from |remote_port| to |local_port| end with a TCP reset when it closes.
-  static void ResetOnClose(int remote_port, int local_port);
+  // Ends the connection from |remote_port| to |local_port| with a TCP reset and no FIN, once the
+  // device has acknowledged what was sent (or after 2 s).
+  static void Reset(int remote_port, int local_port);
   // Ends every stall: the server is stopping.
   void Release();
   // Called by a transfer that sent |file| to its end.

@@ -5,8 +5,6 @@
 
 #include "options.h"
 
-#include <stdlib.h>
-
 #include "desk_command_line.h"
 
 namespace {
@@ -41,11 +39,22 @@ bool SplitPair(const std::string& text, const std::string& separator, std::strin
   return true;
 }
 
-bool ParseNumber(const std::string& text, uint64_t* number) {
-  if (text.empty() || text[0] == '-') return false;
-  char* end = nullptr;
-  *number = strtoull(text.c_str(), &end, 10);
-  return *end == '\0';
+// Largest value of a byte count, a rate or a number of times.
+constexpr uint64_t kMaxNumber = UINT64_MAX;
+
+// Returns true when |text| is a whole number in decimal digits alone (no sign, no blank) from 0
+// to |maximum|, stored in |number|.
+bool ParseNumber(const std::string& text, uint64_t* number, uint64_t maximum = kMaxNumber) {
+  if (text.empty()) return false;
+  uint64_t value = 0;
+  for (char c : text) {
+    if (c < '0' || c > '9') return false;
+    const uint64_t digit = c - '0';
+    if (digit > maximum || value > (maximum - digit) / 10) return false;
+    value = value * 10 + digit;
+  }
+  *number = value;
+  return true;
 }
 
 // Options that store their value as it is, append it, or set a flag.
@@ -70,14 +79,15 @@ auto Set(bool* target) {
 // An option whose value is a byte count or a number of times; |minimum| is its least value.
 auto Number(uint64_t* target, uint64_t minimum = 0) {
   return [=](const std::string& value, std::string* expected) {
-    *expected = minimum == 0 ? "a whole number" : "a whole number from 1";
+    *expected =
+        "a whole number from " + std::to_string(minimum) + " to " + std::to_string(kMaxNumber);
     return ParseNumber(value, target) && *target >= minimum;
   };
 }
 // An option whose value is a byte offset into a package, from 1.
 auto Offset(std::optional<uint64_t>* target) {
   return [=](const std::string& value, std::string* expected) {
-    *expected = "a byte offset from 1";
+    *expected = "a byte offset from 1 to " + std::to_string(kMaxNumber);
     uint64_t number = 0;
     if (!ParseNumber(value, &number) || number == 0) return false;
     *target = number;
@@ -110,7 +120,7 @@ int ParseOptions(int argc, char** argv, ServerOptions* options) {
              std::string port;
              uint64_t number = 0;
              if (!SplitPair(value, ":", &options->address, &port) ||
-                 !ParseNumber(port, &number) || number == 0 || number > 65535) {
+                 !ParseNumber(port, &number, 65535) || number == 0) {
                return false;
              }
              options->port = static_cast<int>(number);
@@ -126,9 +136,9 @@ int ParseOptions(int argc, char** argv, ServerOptions* options) {
            "write \"ready\" and a line feed to descriptor FD and close it once\n"
            "the server accepts connections",
            [=](const std::string& value, std::string* expected) {
-             *expected = "a descriptor number";
+             *expected = "a descriptor number from 0 to 1023";
              uint64_t number = 0;
-             if (!ParseNumber(value, &number) || number > 1023) return false;
+             if (!ParseNumber(value, &number, 1023)) return false;
              options->ready_fd = static_cast<int>(number);
              return true;
            }},
@@ -136,18 +146,18 @@ int ParseOptions(int argc, char** argv, ServerOptions* options) {
            "wait MS milliseconds before answering requests for PATH (\"*\":\n"
            "every path); repeatable",
            [=](const std::string& value, std::string* expected) {
-             *expected = "PATH=MS with MS a whole number of milliseconds";
+             *expected = "PATH=MS with MS a whole number of milliseconds from 0 to 3600000";
              std::string path, milliseconds;
              uint64_t number = 0;
              if (!SplitPair(value, "=", &path, &milliseconds) ||
-                 !ParseNumber(milliseconds, &number) || number > 3600000) {
+                 !ParseNumber(milliseconds, &number, 3600000)) {
                return false;
              }
              options->delays_ms[path] = static_cast<int>(number);
              return true;
            }},
 
-          {nullptr, nullptr, "Server time: HEAD and GET of \"/\"", nullptr},
+          {nullptr, nullptr, "Server time: HEAD and GET of the root path", nullptr},
           {"date", "TEXT",
            "value of the Date header (default: the current time, as\n"
            "\"Sun, 22 Nov 2026 10:00:00 GMT\")",
@@ -208,7 +218,7 @@ int ParseOptions(int argc, char** argv, ServerOptions* options) {
            "close the connection of the transfer that reaches byte OFFSET of\n"
            "its file, once; the next request gets the rest (repeatable)",
            [=](const std::string& value, std::string* expected) {
-             *expected = "a byte offset from 1";
+             *expected = "a byte offset from 1 to " + std::to_string(kMaxNumber);
              uint64_t number = 0;
              if (!ParseNumber(value, &number) || number == 0) return false;
              options->drop_at.push_back(number);
@@ -223,11 +233,13 @@ int ParseOptions(int argc, char** argv, ServerOptions* options) {
            Offset(&options->stall_at)},
           {"reset-at", "OFFSET",
            "end the transfer that reaches byte OFFSET of its file with a TCP\n"
-           "reset, dropping what is still unsent (once)",
+           "reset and no FIN before it, once the device has acknowledged the\n"
+           "bytes before OFFSET (or after 2 s); its next read fails with\n"
+           "\"connection reset\" (once)",
            Offset(&options->reset_at)},
           {"unavailable", "K",
-           "answer the first K package requests with 503 Service Unavailable\n"
-           "and a short text body",
+           "answer the first K package requests, GET and HEAD alike, with 503\n"
+           "Service Unavailable and a short text body",
            Number(&options->unavailable)},
           {"remainder-of", "PATH",
            "start every package body at the size of PATH, the device's package\n"
