@@ -29,8 +29,6 @@ class DownloadTask {
   // Runs the prefix of the chain numbered |n|, or the installer for 6. Returns 0.
   int run_from_command(DownloadStatus n);
 
-  const StageRecord& stage() const { return stage_; }
-
  private:
   // Creates the tasks numbered |first| to |last| in order, links each task numbered below
   // |linked_to| to the one after it, runs the first and deletes them, the last first, once the
