@@ -78,6 +78,11 @@ CommandListener::~CommandListener() {
 
 void CommandListener::Start(int fd) {
   if (fd < 0 || thread_.joinable()) return;
+  if (!stopEvent_.ok() || !takenEvent_.ok()) {
+    // Without its events the thread could be neither ended nor told that a command was taken.
+    PLOG(ERROR) << "failed to create the command listener's events";
+    return;
+  }
   thread_ = std::thread(&CommandListener::Listen, this, fd);
 }
 
@@ -99,21 +104,27 @@ void CommandListener::Listen(int fd) {
       if (!Handle(*line)) return;
       continue;
     }
-    if (!WaitFor(fd)) return;
-    const ssize_t n = TEMP_FAILURE_RETRY(read(fd, buffer, sizeof(buffer)));
+    const Wait wait = WaitFor(fd);
+    if (wait == Wait::kStopped) return;
+    const ssize_t n =
+        wait == Wait::kReady ? TEMP_FAILURE_RETRY(read(fd, buffer, sizeof(buffer))) : -1;
     if (n > 0) {
       splitter_.Append(std::string_view(buffer, n));
       continue;
     }
     if (n < 0 && errno == EAGAIN) continue;
-    // The front end closed its end (a read error ends the stream just as well).
+    // The front end closed its end (a read or wait error ends the stream just as well).
     if (std::optional<std::string> rest = splitter_.Finish()) {
       if (!Handle(*rest)) return;
     }
-    ended_ = true;
-    wake_();
+    End();
     return;
   }
+}
+
+void CommandListener::End() {
+  ended_ = true;
+  wake_();
 }
 
 bool CommandListener::Handle(const std::string& line) {
@@ -124,9 +135,18 @@ bool CommandListener::Handle(const std::string& line) {
       pending_ = line[0];
       wake_();
       // One command at a time: the next is read once the download has taken this one.
-      if (!WaitFor(takenEvent_.get())) return false;
-      Drain(takenEvent_.get());
-      return true;
+      switch (WaitFor(takenEvent_.get())) {
+        case Wait::kReady:
+          Drain(takenEvent_.get());
+          return true;
+        case Wait::kFailed:
+          // Nothing more can be handed over: to the download the stream has ended.
+          End();
+          return false;
+        case Wait::kStopped:
+          return false;
+      }
+      return false;
     case 's':
       stop_ = kStopRequested;
       wake_();
@@ -137,8 +157,11 @@ bool CommandListener::Handle(const std::string& line) {
   }
 }
 
-bool CommandListener::WaitFor(int fd) {
+CommandListener::Wait CommandListener::WaitFor(int fd) {
   pollfd fds[] = {{fd, POLLIN, 0}, {stopEvent_.get(), POLLIN, 0}};
-  if (TEMP_FAILURE_RETRY(poll(fds, 2, -1)) < 0) return false;
-  return fds[1].revents == 0;
+  if (TEMP_FAILURE_RETRY(poll(fds, 2, -1)) < 0) {
+    PLOG(ERROR) << "failed to wait for the front end's commands";
+    return Wait::kFailed;
+  }
+  return fds[1].revents == 0 ? Wait::kReady : Wait::kStopped;
 }

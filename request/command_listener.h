@@ -67,12 +67,17 @@ class CommandListener {
   void Stop();
 
  private:
+  enum class Wait { kReady, kStopped, kFailed };
+
   // The listener thread: reads commands until the end of the stream, "stop" or Stop().
   void Listen(int fd);
   // Acts on one command line; returns false when the listener is to end.
   bool Handle(const std::string& line);
-  // Waits until |fd| is readable or Stop() was called; returns false for the latter.
-  bool WaitFor(int fd);
+  // Marks the command stream as ended and wakes the download.
+  void End();
+  // Waits until |fd| is readable (kReady) or Stop() was called (kStopped); kFailed when the wait
+  // itself failed.
+  Wait WaitFor(int fd);
 
   std::function<void()> wake_;
   android::base::unique_fd stopEvent_;

@@ -100,8 +100,9 @@ RomDownload::RomDownload()
       multi_(curl_multi_init()),
       digest_(kSecureUpdatePackagePath, [this] { curl_multi_wakeup(multi_.get()); }),
       listener_([this] {
-        curl_multi_wakeup(multi_.get());
+        // The nudge first: a wait for the digest ends before the loop can take the command.
         digest_.Nudge();
+        curl_multi_wakeup(multi_.get());
       }) {}
 
 RomDownload::~RomDownload() {
@@ -287,6 +288,7 @@ CURLcode RomDownload::Transfer() {
   transferring_ = true;
   recvPaused_ = false;
   heldForDigest_ = false;
+  resumeFailure_ = CURLE_OK;
   bool stopped = false;
   int running = 1;
   CURLMcode multi_code = CURLM_OK;
@@ -296,13 +298,16 @@ CURLcode RomDownload::Transfer() {
       stopped = true;
       break;
     }
-    // A transfer held for the digest runs again once the digest has nearly caught up; until
-    // then the digest wakes this loop.
-    if (heldForDigest_ && !paused_ && !digest_.WakeWhenBehindBy(kResumeDigestLag)) {
-      ResumeTransfer();
-    }
+    if (resumeFailure_ != CURLE_OK) break;
     multi_code = curl_multi_perform(multi_.get(), &running);
     if (multi_code != CURLM_OK || running == 0) break;
+    // A transfer held for the digest runs again once the digest has nearly caught up; until
+    // then the digest wakes this loop. libcurl watches no socket of a held transfer, so the
+    // wake is asked for after every step that may have held it.
+    if (heldForDigest_ && !paused_ && !digest_.WakeWhenBehindBy(kResumeDigestLag)) {
+      ResumeTransfer();
+      continue;
+    }
     multi_code = curl_multi_poll(multi_.get(), nullptr, 0, kPollTimeoutMs, nullptr);
     if (multi_code != CURLM_OK) break;
   }
@@ -310,6 +315,11 @@ CURLcode RomDownload::Transfer() {
   recvPaused_ = false;
   heldForDigest_ = false;
   if (stopped) return CURLE_ABORTED_BY_CALLBACK;
+  if (resumeFailure_ != CURLE_OK) {
+    // The held piece could not be written when the transfer ran again; libcurl dropped it.
+    LOG(ERROR) << "transfer failed: " << curl_easy_strerror(resumeFailure_);
+    return resumeFailure_;
+  }
   if (multi_code != CURLM_OK) {
     LOG(ERROR) << "transfer failed: " << curl_multi_strerror(multi_code);
     return CURLE_FAILED_INIT;
@@ -348,10 +358,12 @@ void RomDownload::ApplyCommands() {
 }
 
 void RomDownload::ResumeTransfer() {
-  // libcurl may hand the held piece over at once; the write callback can hold it again.
+  // libcurl may hand the held piece over at once; the write callback can hold it again. When
+  // that write fails, libcurl drops the piece and says so only here: the transfer must end.
   recvPaused_ = false;
   heldForDigest_ = false;
-  curl_easy_pause(curl, CURLPAUSE_CONT);
+  const CURLcode code = curl_easy_pause(curl, CURLPAUSE_CONT);
+  if (code != CURLE_OK && resumeFailure_ == CURLE_OK) resumeFailure_ = code;
 }
 
 bool RomDownload::StopRequested() const {

@@ -85,7 +85,8 @@ class RomDownload : public NetworkTask<RomDownload> {
   bool AwaitDigest();
   // Applies the pause and continue commands that the listener handed over, and answers each.
   void ApplyCommands();
-  // Lets a transfer that is held in libcurl take the body again.
+  // Lets a transfer that is held in libcurl take the body again; a failure to write the held
+  // piece is kept in resumeFailure_.
   void ResumeTransfer();
   // Returns true once the download is to stop: on the front end's "s", or when its command
   // stream ended while the download is paused (nobody is left to continue it).
@@ -121,6 +122,8 @@ class RomDownload : public NetworkTask<RomDownload> {
   bool recvPaused_ = false;
   // libcurl holds the transfer until the digest has nearly caught up.
   bool heldForDigest_ = false;
+  // What libcurl answered when the held transfer could not run again; it ends the transfer.
+  CURLcode resumeFailure_ = CURLE_OK;
   bool resolved_ = false;
   // Where the finished transfer was redirected to, until the next attempt starts there.
   std::optional<URLWrapper> redirect_;
