@@ -354,40 +354,51 @@ TEST_F(DownloadTest, HeldBytesCountInThePercentAndTheDigest) {
 // The digest of a large held file takes seconds, while the rest of the package keeps arriving
 // and piles up behind it. Neither the front end's commands nor the rest of the package wait for
 // it: the transfer waits only for bytes it received itself, and only for a moment; when the
-// digest reaches the pile, the transfer is held and the commands are still answered at once.
+// digest reaches the pile, the transfer is held, the commands are still answered at once, and
+// the transfer runs again by itself once the digest has caught up.
 TEST_F(DownloadTest, NothingWaitsWhileALargeHeldFileIsHashed) {
   constexpr int64_t kHeld = int64_t{2} * 1024 * 1024 * 1024;
   constexpr int64_t kRest = 192 * 1024 * 1024;
   const std::string mirror_file = std::string(harness::kMirrorDir) + kPackagePath;
-  // Sparse gigabytes on both sides: no memory spent, but every byte hashed.
-  ASSERT_EQ(0, system(("truncate -s 0 " + mirror_file + " && truncate -s " +
-                       std::to_string(kHeld + kRest) + " " + mirror_file + " && truncate -s " +
-                       std::to_string(kHeld) + " " + kPackage)
-                          .c_str()));
-  WriteFile("/tmp/download/LatestRom/filesize", std::to_string(kHeld + kRest));
-  // The rest takes about four seconds: longer than the digest of the held part.
-  Serve({"--offset", std::to_string(kHeld), "--rate", std::to_string(kRest / 4)});
-  auto child = StartDownload();
-  ASSERT_TRUE(child->WaitForStatus(Received("3:p:"), 30s));
-  std::chrono::steady_clock::duration slowest{};
-  size_t cycles = 0;
-  for (; child->running() && FileSize(kPackage) < kHeld + kRest * 9 / 10; ++cycles) {
-    for (const char* command : {"p", "c"}) {
-      const auto sent = std::chrono::steady_clock::now();
-      ASSERT_TRUE(child->SendCommand(std::string(command) + "\n"));
-      ASSERT_TRUE(
-          child->WaitForStatus(Received(std::string("3:r:") + command + "\n", cycles + 1), 10s));
-      slowest = std::max(slowest, std::chrono::steady_clock::now() - sent);
+  for (const bool commands : {true, false}) {
+    SCOPED_TRACE(commands ? "pause and continue all along" : "no command");
+    // Sparse gigabytes on both sides: no memory spent, but every byte hashed.
+    ASSERT_EQ(0, system(("truncate -s 0 " + mirror_file + " " + kPackage + " && truncate -s " +
+                         std::to_string(kHeld + kRest) + " " + mirror_file + " && truncate -s " +
+                         std::to_string(kHeld) + " " + kPackage)
+                            .c_str()));
+    WriteFile("/tmp/download/LatestRom/filesize", std::to_string(kHeld + kRest));
+    // The rest takes about four seconds: longer than the digest of the held part.
+    Serve({"--offset", std::to_string(kHeld), "--rate", std::to_string(kRest / 4)});
+    auto child = StartDownload();
+    ASSERT_TRUE(child->WaitForStatus(Received("3:p:"), 30s));
+    const auto began = std::chrono::steady_clock::now();
+    if (!commands) {
+      // A sixth of the rest comes in well before the held part could have been hashed.
+      ASSERT_TRUE(child->WaitForStatus(
+          [&](const std::string&) { return FileSize(kPackage) >= kHeld + kRest / 6; }, 30s));
+      EXPECT_LT(std::chrono::steady_clock::now() - began, 1500ms);
     }
-    child->Pump(20ms);
+    std::chrono::steady_clock::duration slowest{};
+    size_t cycles = 0;
+    for (; commands && child->running() && FileSize(kPackage) < kHeld + kRest * 9 / 10; ++cycles) {
+      for (const char* command : {"p", "c"}) {
+        const auto sent = std::chrono::steady_clock::now();
+        ASSERT_TRUE(child->SendCommand(std::string(command) + "\n"));
+        ASSERT_TRUE(
+            child->WaitForStatus(Received(std::string("3:r:") + command + "\n", cycles + 1), 10s));
+        slowest = std::max(slowest, std::chrono::steady_clock::now() - sent);
+      }
+      child->Pump(20ms);
+    }
+    EXPECT_TRUE(!commands || cycles > 20) << cycles;
+    EXPECT_LT(slowest, 100ms)
+        << std::chrono::duration_cast<std::chrono::milliseconds>(slowest).count() << " ms";
+    Finish(*child, 60s);
+    EXPECT_TRUE(
+        android::base::EndsWith(child->status(), "3:c:" + harness::Md5Sum(mirror_file) + "\n"))
+        << child->status();
   }
-  EXPECT_GT(cycles, 20u);
-  EXPECT_LT(slowest, 100ms)
-      << std::chrono::duration_cast<std::chrono::milliseconds>(slowest).count() << " ms";
-  Finish(*child);
-  EXPECT_TRUE(
-      android::base::EndsWith(child->status(), "3:c:" + harness::Md5Sum(mirror_file) + "\n"))
-      << child->status();
 }
 
 // A redirect chain across hosts with several addresses, 50 cut connections, and the front end
