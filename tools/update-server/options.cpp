@@ -5,6 +5,8 @@
 
 #include "options.h"
 
+#include <charconv>
+
 #include "desk_command_line.h"
 
 namespace {
@@ -45,14 +47,10 @@ constexpr uint64_t kMaxNumber = UINT64_MAX;
 // Returns true when |text| is a whole number in decimal digits alone (no sign, no blank) from 0
 // to |maximum|, stored in |number|.
 bool ParseNumber(const std::string& text, uint64_t* number, uint64_t maximum = kMaxNumber) {
-  if (text.empty()) return false;
+  const char* end = text.data() + text.size();
   uint64_t value = 0;
-  for (char c : text) {
-    if (c < '0' || c > '9') return false;
-    const uint64_t digit = c - '0';
-    if (digit > maximum || value > (maximum - digit) / 10) return false;
-    value = value * 10 + digit;
-  }
+  const auto [stop, error] = std::from_chars(text.data(), end, value);
+  if (error != std::errc() || stop != end || value > maximum) return false;
   *number = value;
   return true;
 }
